@@ -1,0 +1,98 @@
+// The host's line protocol: runs commands against a plug-in and prints what
+// comes back.
+
+#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_SESSION_H_
+#define LUMSO_BLUETOOTH_EXAMPLE_HOST_SESSION_H_
+
+#include <glib.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "example/host/channel_codec.h"
+#include "example/host/in_process_messenger.h"
+#include "example/host/json_value.h"
+#include "example/host/plugin_library.h"
+
+namespace lumso_host {
+
+// Explains the commands and the lines that they print, for --help.
+extern const char kProtocolHelp[];
+
+// One plug-in instance on a messenger of its own, and the one command that is
+// under way on it. For the platform thread.
+class Session {
+ public:
+  struct Callbacks {
+    // Gets each line to print, without its line end.
+    std::function<void(const std::string& line)> print;
+    // Runs when a command has finished, maybe before Execute() returns.
+    std::function<void()> finished;
+    // Runs when the "quit" command asks for the end.
+    std::function<void()> quit;
+  };
+
+  // Registers the plug-in.
+  Session(RegisterFunction register_plugin, Callbacks callbacks);
+  // Disposes the plug-in.
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Starts the command in `line`. Not to be called again before it finished.
+  void Execute(const std::string& line);
+
+  // Tells whether an "expect" has failed.
+  bool expectation_failed() const { return expectation_failed_; }
+
+ private:
+  struct Command;
+  struct Request;
+  static const Command kCommands[];
+
+  // The commands, each with the words after its name.
+  void Call(std::string_view words);
+  void Listen(std::string_view words);
+  void Cancel(std::string_view words);
+  void Sleep(std::string_view words);
+  void Expect(std::string_view words);
+  void Dispose(std::string_view words);
+  void Quit(std::string_view words);
+
+  void SendStreamRequest(const char* command, std::string_view channel);
+  void SendRequest(const char* command, std::string_view name,
+                   const std::string& channel, const std::string& method,
+                   FlValue* args);
+  void OnAnswer(const Request& request, GBytes* answer);
+  void OnUnanswered();
+  void OnMessage(const std::string& channel, GBytes* message);
+  void OnTimer();
+
+  void Print(const Json& json);
+  void PrintError(const std::string& what);
+  void Remember(const std::string& line);
+  void ForgetLines();
+  void StartTimer(double seconds);
+  // Ends the command under way.
+  void Finish();
+  void Fail(const std::string& what);
+
+  const Callbacks callbacks_;
+  InProcessMessenger* messenger_;  // Owned reference.
+  // The request under way or the last one, as the command says it.
+  std::string request_;
+  // What the next "expect" looks through first, oldest line first.
+  std::deque<std::string> lines_;
+  size_t lines_size_ = 0;  // Of the text in lines_.
+  // What the "expect" under way waits for; empty when there is none.
+  std::string expected_;
+  guint timer_ = 0;  // Of the "sleep" or "expect" under way; 0 for none.
+  bool expectation_failed_ = false;
+};
+
+}  // namespace lumso_host
+
+#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_SESSION_H_

@@ -1,0 +1,59 @@
+// The public header of the lumso_bluetooth plug-in: a GObject type and the
+// function that the embedder calls once per engine.
+
+#ifndef LUMSO_BLUETOOTH_LUMSO_BLUETOOTH_PLUGIN_H_
+#define LUMSO_BLUETOOTH_LUMSO_BLUETOOTH_PLUGIN_H_
+
+#include <flutter_linux/flutter_linux.h>
+
+G_BEGIN_DECLS
+
+#ifdef FLUTTER_PLUGIN_IMPL
+#define FLUTTER_PLUGIN_EXPORT __attribute__((visibility("default")))
+#else
+#define FLUTTER_PLUGIN_EXPORT
+#endif
+
+/**
+ * LumsoBluetoothPlugin:
+ *
+ * One instance of the plug-in: a final type derived from #GObject, without
+ * properties and signals. Applications talk to it through its platform
+ * channels only.
+ */
+typedef struct _LumsoBluetoothPlugin LumsoBluetoothPlugin;
+typedef struct {
+  GObjectClass parent_class;
+} LumsoBluetoothPluginClass;
+
+/**
+ * lumso_bluetooth_plugin_get_type:
+ *
+ * Gives the type of #LumsoBluetoothPlugin and registers it on first use. Safe
+ * on any thread.
+ *
+ * Returns: the #GType, valid for the life of the process.
+ */
+FLUTTER_PLUGIN_EXPORT GType lumso_bluetooth_plugin_get_type(void);
+
+/**
+ * lumso_bluetooth_plugin_register_with_registrar:
+ * @registrar: (transfer none): the registrar of the engine to serve; an
+ *   #FlPluginRegistrar of the Flutter Linux embedding.
+ *
+ * Creates one plug-in instance and its platform channels on the registrar's
+ * messenger. Call it once per engine, on the platform thread (the thread of the
+ * default GLib main context), as generated registrants do. It makes the
+ * synchronous D-Bus calls that find the adapter; without a system bus, BlueZ
+ * daemon or adapter it writes the reason to standard error, and the channels
+ * still answer, with neutral values.
+ *
+ * The instance lives as long as the messenger keeps the channels' handlers,
+ * which is until the engine shuts down.
+ */
+FLUTTER_PLUGIN_EXPORT void lumso_bluetooth_plugin_register_with_registrar(
+    FlPluginRegistrar* registrar);
+
+G_END_DECLS
+
+#endif  // LUMSO_BLUETOOTH_LUMSO_BLUETOOTH_PLUGIN_H_

@@ -1,0 +1,482 @@
+#include "bluez_client.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+namespace lumso_bluetooth {
+namespace {
+
+constexpr char kBusName[] = "org.bluez";
+constexpr char kObjectManagerPath[] = "/";
+constexpr char kAgentManagerPath[] = "/org/bluez";
+constexpr char kAgentPath[] = "/brel/lumso/lumso_bluetooth/agent";
+
+constexpr char kObjectManagerInterface[] = "org.freedesktop.DBus.ObjectManager";
+constexpr char kPropertiesInterface[] = "org.freedesktop.DBus.Properties";
+constexpr char kAdapterInterface[] = "org.bluez.Adapter1";
+constexpr char kDeviceInterface[] = "org.bluez.Device1";
+constexpr char kAgentManagerInterface[] = "org.bluez.AgentManager1";
+
+constexpr char kManagedObjectsType[] = "(a{oa{sa{sv}}})";
+constexpr char kInterfacesAddedType[] = "(oa{sa{sv}})";
+constexpr char kPropertiesChangedType[] = "(sa{sv}as)";
+constexpr char kPropertiesType[] = "(a{sv})";
+constexpr char kPropertyType[] = "(v)";
+
+constexpr int kPairTimeoutMs = 60000;
+constexpr int kNotBonded = 10;
+constexpr int kBonded = 12;
+
+constexpr char kAgentCapability[] = "NoInputNoOutput";
+constexpr char kRejectedError[] = "org.bluez.Error.Rejected";
+constexpr char kRejectedMessage[] =
+    "lumso_bluetooth: device requested input we can't provide";
+constexpr char kAgentIntrospection[] = R"(
+<node>
+  <interface name="org.bluez.Agent1">
+    <method name="Release"/>
+    <method name="RequestPinCode">
+      <arg type="o" direction="in"/>
+      <arg type="s" direction="out"/>
+    </method>
+    <method name="DisplayPinCode">
+      <arg type="o" direction="in"/>
+      <arg type="s" direction="in"/>
+    </method>
+    <method name="RequestPasskey">
+      <arg type="o" direction="in"/>
+      <arg type="u" direction="out"/>
+    </method>
+    <method name="DisplayPasskey">
+      <arg type="o" direction="in"/>
+      <arg type="u" direction="in"/>
+      <arg type="q" direction="in"/>
+    </method>
+    <method name="RequestConfirmation">
+      <arg type="o" direction="in"/>
+      <arg type="u" direction="in"/>
+    </method>
+    <method name="RequestAuthorization">
+      <arg type="o" direction="in"/>
+    </method>
+    <method name="AuthorizeService">
+      <arg type="o" direction="in"/>
+      <arg type="s" direction="in"/>
+    </method>
+    <method name="Cancel"/>
+  </interface>
+</node>)";
+
+// Requests that the agent grants; it rejects every other.
+constexpr const char* kGrantedRequests[] = {
+    "RequestConfirmation",
+    "AuthorizeService",
+    "RequestAuthorization",
+    "Release",
+    "Cancel",
+    "DisplayPasskey",
+    "DisplayPinCode",
+};
+
+void LogFailure(const char* what, const GError* error) {
+  std::fprintf(stderr, "lumso_bluetooth: %s failed: %s\n", what,
+               error->message);
+}
+
+// The three readers leave `field` alone when the value has another type.
+void ReadString(GVariant* value, std::string* field) {
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
+    *field = g_variant_get_string(value, nullptr);
+  }
+}
+
+void ReadBoolean(GVariant* value, bool* field) {
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
+    *field = g_variant_get_boolean(value);
+  }
+}
+
+void ReadInt16(GVariant* value, int32_t* field) {
+  if (g_variant_is_of_type(value, G_VARIANT_TYPE_INT16)) {
+    *field = g_variant_get_int16(value);
+  }
+}
+
+// Calls visit(key, value) for each entry of `properties` (a{sv}), in order.
+template <typename Visitor>
+void ForEachProperty(GVariant* properties, Visitor visit) {
+  GVariantIter entries;
+  g_variant_iter_init(&entries, properties);
+  const gchar* key;
+  GVariant* value;
+  while (g_variant_iter_next(&entries, "{&sv}", &key, &value)) {
+    visit(std::string_view(key), GVariantPtr(value).get());
+  }
+}
+
+// Calls visit(properties) for each interface called `name` among `interfaces`
+// (a{sa{sv}}) until it returns false. Returns whether it never did.
+template <typename Visitor>
+bool ForEachInterface(GVariant* interfaces, std::string_view name,
+                      Visitor visit) {
+  GVariantIter entries;
+  g_variant_iter_init(&entries, interfaces);
+  const gchar* key;
+  GVariant* properties;
+  while (g_variant_iter_next(&entries, "{&s@a{sv}}", &key, &properties)) {
+    const GVariantPtr owner(properties);
+    if (key == name && !visit(properties)) return false;
+  }
+  return true;
+}
+
+// Calls visit(path, properties) for each interface called `name` in a reply of
+// GetManagedObjects, in the daemon's order, until it returns false.
+template <typename Visitor>
+void ForEachManagedInterface(GVariant* reply, std::string_view name,
+                             Visitor visit) {
+  const GVariantPtr objects(g_variant_get_child_value(reply, 0));
+  GVariantIter entries;
+  g_variant_iter_init(&entries, objects.get());
+  const gchar* path;
+  GVariant* interfaces;
+  while (g_variant_iter_next(&entries, "{&o@a{sa{sv}}}", &path, &interfaces)) {
+    const GVariantPtr owner(interfaces);
+    if (!ForEachInterface(interfaces, name, [&](GVariant* properties) {
+          return visit(path, properties);
+        })) {
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+BluezClient::~BluezClient() {
+  if (connection_ != nullptr) {
+    for (const guint subscription :
+         {interfaces_added_subscription_, interfaces_removed_subscription_,
+          properties_changed_subscription_}) {
+      if (subscription != 0) {
+        g_dbus_connection_signal_unsubscribe(connection_, subscription);
+      }
+    }
+    UnregisterAgent();
+    g_clear_object(&connection_);
+  }
+  g_clear_pointer(&agent_node_info_, g_dbus_node_info_unref);
+  g_clear_pointer(&adapter_path_, g_free);
+}
+
+bool BluezClient::Initialize() {
+  g_autoptr(GError) error = nullptr;
+  connection_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+  if (connection_ == nullptr) {
+    if (error != nullptr) LogFailure("system bus connect", error);
+    return false;
+  }
+  // The default would end the host process together with the bus.
+  g_dbus_connection_set_exit_on_close(connection_, FALSE);
+
+  if (!ResolveAdapter()) return false;
+  RefreshAdapterProperties();
+  Subscribe();
+  RegisterAgent();
+  return true;
+}
+
+GVariantPtr BluezClient::CallSync(const BusCall& call, const char* what) const {
+  g_autoptr(GError) error = nullptr;
+  GVariantPtr reply(g_dbus_connection_call_sync(
+      connection_, kBusName, call.path, call.interface, call.method,
+      call.arguments,
+      call.reply_type != nullptr ? G_VARIANT_TYPE(call.reply_type) : nullptr,
+      G_DBUS_CALL_FLAGS_NONE, call.timeout_ms, nullptr, &error));
+  if (reply == nullptr && error != nullptr && what != nullptr) {
+    LogFailure(what, error);
+  }
+  return reply;
+}
+
+GVariantPtr BluezClient::GetManagedObjects(const char* what) const {
+  return CallSync({kObjectManagerPath, kObjectManagerInterface,
+                   "GetManagedObjects", nullptr, kManagedObjectsType},
+                  what);
+}
+
+GVariantPtr BluezClient::GetDeviceProperty(const std::string& path,
+                                           const char* property) const {
+  const GVariantPtr reply = CallSync(
+      {path.c_str(), kPropertiesInterface, "Get",
+       g_variant_new("(ss)", kDeviceInterface, property), kPropertyType});
+  if (reply == nullptr) return nullptr;
+  const GVariantPtr boxed(g_variant_get_child_value(reply.get(), 0));
+  return GVariantPtr(g_variant_get_variant(boxed.get()));
+}
+
+bool BluezClient::ResolveAdapter() {
+  const GVariantPtr reply = GetManagedObjects("GetManagedObjects");
+  if (reply == nullptr) return false;
+  ForEachManagedInterface(reply.get(), kAdapterInterface,
+                          [this](const gchar* path, GVariant* properties) {
+                            adapter_path_ = g_strdup(path);
+                            ForEachProperty(
+                                properties, [this](auto key, GVariant* value) {
+                                  if (key == "Address")
+                                    ReadString(value, &adapter_address_);
+                                  if (key == "Name")
+                                    ReadString(value, &adapter_name_);
+                                });
+                            return false;  // the first adapter is taken
+                          });
+  return adapter_path_ != nullptr;
+}
+
+void BluezClient::RefreshAdapterProperties() {
+  if (adapter_path_ == nullptr) return;
+  const GVariantPtr reply =
+      CallSync({adapter_path_, kPropertiesInterface, "GetAll",
+                g_variant_new("(s)", kAdapterInterface), kPropertiesType});
+  if (reply == nullptr) return;
+  const GVariantPtr properties(g_variant_get_child_value(reply.get(), 0));
+  ForEachProperty(properties.get(), [this](auto key, GVariant* value) {
+    if (key == "Powered") ReadBoolean(value, &powered_);
+    if (key == "Discovering") ReadBoolean(value, &discovering_);
+  });
+}
+
+void BluezClient::Subscribe() {
+  const auto subscribe = [this](const char* interface, const char* signal,
+                                const char* path, GDBusSignalCallback handler) {
+    return g_dbus_connection_signal_subscribe(
+        connection_, kBusName, interface, signal, path, nullptr,
+        G_DBUS_SIGNAL_FLAGS_NONE, handler, this, nullptr);
+  };
+  interfaces_added_subscription_ =
+      subscribe(kObjectManagerInterface, "InterfacesAdded", kObjectManagerPath,
+                OnInterfacesAdded);
+  interfaces_removed_subscription_ =
+      subscribe(kObjectManagerInterface, "InterfacesRemoved",
+                kObjectManagerPath, OnInterfacesRemoved);
+  properties_changed_subscription_ = subscribe(
+      kPropertiesInterface, "PropertiesChanged", nullptr, OnPropertiesChanged);
+}
+
+void BluezClient::OnInterfacesAdded(GDBusConnection*, const gchar*,
+                                    const gchar*, const gchar*, const gchar*,
+                                    GVariant* parameters, gpointer user_data) {
+  auto* self = static_cast<BluezClient*>(user_data);
+  if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE(kInterfacesAddedType))) {
+    return;
+  }
+  const gchar* path;
+  GVariant* interfaces;
+  g_variant_get(parameters, "(&o@a{sa{sv}})", &path, &interfaces);
+  ForEachInterface(GVariantPtr(interfaces).get(), kDeviceInterface,
+                   [&](GVariant* properties) {
+                     const DiscoveredDevice device =
+                         ParseDevice(path, properties);
+                     if (self->on_device) self->on_device(device);
+                     return true;
+                   });
+}
+
+// Devices that go are not reported.
+void BluezClient::OnInterfacesRemoved(GDBusConnection*, const gchar*,
+                                      const gchar*, const gchar*, const gchar*,
+                                      GVariant*, gpointer) {}
+
+// Signals carry only what changed, so the whole record is read again.
+void BluezClient::OnPropertiesChanged(GDBusConnection*, const gchar*,
+                                      const gchar* path, const gchar*,
+                                      const gchar*, GVariant* parameters,
+                                      gpointer user_data) {
+  auto* self = static_cast<BluezClient*>(user_data);
+  if (!g_variant_is_of_type(parameters,
+                            G_VARIANT_TYPE(kPropertiesChangedType))) {
+    return;
+  }
+  const gchar* interface;
+  g_variant_get_child(parameters, 0, "&s", &interface);
+  if (g_str_equal(interface, kAdapterInterface)) {
+    if (g_strcmp0(path, self->adapter_path_) != 0) return;
+    self->RefreshAdapterProperties();
+    if (self->on_state_changed) self->on_state_changed();
+  } else if (g_str_equal(interface, kDeviceInterface)) {
+    const GVariantPtr reply = self->CallSync(
+        {path, kPropertiesInterface, "GetAll",
+         g_variant_new("(s)", kDeviceInterface), kPropertiesType});
+    if (reply == nullptr) return;
+    const GVariantPtr properties(g_variant_get_child_value(reply.get(), 0));
+    const DiscoveredDevice device = ParseDevice(path, properties.get());
+    if (self->on_device) self->on_device(device);
+  }
+}
+
+bool BluezClient::StartDiscovery() {
+  if (adapter_path_ == nullptr) return false;
+  if (discovering_) return true;
+  if (CallSync({adapter_path_, kAdapterInterface, "StartDiscovery"},
+               "StartDiscovery") == nullptr) {
+    return false;
+  }
+  discovery_started_ = true;
+  return true;
+}
+
+bool BluezClient::StopDiscovery() {
+  if (adapter_path_ == nullptr) return false;
+  if (!discovery_started_) return true;
+  if (CallSync({adapter_path_, kAdapterInterface, "StopDiscovery"}) ==
+      nullptr) {
+    return false;
+  }
+  discovery_started_ = false;
+  return true;
+}
+
+DiscoveredDevice BluezClient::ParseDevice(const std::string& path,
+                                          GVariant* properties) {
+  DiscoveredDevice device;
+  device.path = path;
+  ForEachProperty(properties, [&device](auto key, GVariant* value) {
+    if (key == "Address") {
+      ReadString(value, &device.address);
+    } else if (key == "Alias") {
+      ReadString(value, &device.name);
+    } else if (key == "Name") {
+      if (device.name.empty()) ReadString(value, &device.name);
+    } else if (key == "RSSI") {
+      ReadInt16(value, &device.rssi);
+    } else if (key == "Paired") {
+      ReadBoolean(value, &device.paired);
+    } else if (key == "Connected") {
+      ReadBoolean(value, &device.connected);
+    } else if (key == "UUIDs" &&
+               g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY)) {
+      GVariantIter uuids;
+      g_variant_iter_init(&uuids, value);
+      const gchar* uuid;
+      while (g_variant_iter_next(&uuids, "&s", &uuid)) {
+        device.uuids.emplace_back(uuid);
+      }
+    }
+  });
+  return device;
+}
+
+std::vector<DiscoveredDevice> BluezClient::GetKnownDevices() const {
+  std::vector<DiscoveredDevice> devices;
+  if (connection_ == nullptr) return devices;
+  const GVariantPtr reply = GetManagedObjects();
+  if (reply == nullptr) return devices;
+  ForEachManagedInterface(reply.get(), kDeviceInterface,
+                          [&devices](const gchar* path, GVariant* properties) {
+                            devices.push_back(ParseDevice(path, properties));
+                            return true;
+                          });
+  return devices;
+}
+
+std::vector<DiscoveredDevice> BluezClient::GetBondedDevices() const {
+  std::vector<DiscoveredDevice> devices = GetKnownDevices();
+  std::vector<DiscoveredDevice> bonded;
+  bonded.reserve(devices.size());
+  for (DiscoveredDevice& device : devices) {
+    if (device.paired) bonded.push_back(std::move(device));
+  }
+  return bonded;
+}
+
+std::string BluezClient::FindDevicePath(const std::string& address) const {
+  if (adapter_path_ == nullptr) return "";
+  std::string candidate = std::string(adapter_path_) + "/dev_" + address;
+  std::replace(candidate.end() - static_cast<ptrdiff_t>(address.size()),
+               candidate.end(), ':', '_');
+  if (g_variant_is_object_path(candidate.c_str()) &&
+      GetDeviceProperty(candidate, "Address") != nullptr) {
+    return candidate;
+  }
+  for (const DiscoveredDevice& device : GetKnownDevices()) {
+    if (g_ascii_strcasecmp(device.address.c_str(), address.c_str()) == 0) {
+      return device.path;
+    }
+  }
+  return "";
+}
+
+int BluezClient::GetBondState(const std::string& address) const {
+  const std::string path = FindDevicePath(address);
+  if (path.empty()) return kNotBonded;
+  bool paired = false;
+  if (const GVariantPtr value = GetDeviceProperty(path, "Paired")) {
+    ReadBoolean(value.get(), &paired);
+  }
+  return paired ? kBonded : kNotBonded;
+}
+
+bool BluezClient::PairDevice(const std::string& address) {
+  const std::string path = FindDevicePath(address);
+  if (path.empty()) {
+    std::fprintf(stderr, "lumso_bluetooth: pair: device not known yet (%s)\n",
+                 address.c_str());
+    return false;
+  }
+  return CallSync({path.c_str(), kDeviceInterface, "Pair", nullptr, nullptr,
+                   kPairTimeoutMs},
+                  "Pair()") != nullptr;
+}
+
+bool BluezClient::RemoveDevice(const std::string& address) {
+  const std::string path = FindDevicePath(address);
+  if (path.empty()) return true;
+  return CallSync({adapter_path_, kAdapterInterface, "RemoveDevice",
+                   g_variant_new("(o)", path.c_str())}) != nullptr;
+}
+
+bool BluezClient::RegisterAgent() {
+  agent_node_info_ = g_dbus_node_info_new_for_xml(kAgentIntrospection, nullptr);
+  if (agent_node_info_ == nullptr) return false;
+  static const GDBusInterfaceVTable vtable = {
+      AgentMethodCall, nullptr, nullptr, {nullptr}};
+  agent_registration_id_ = g_dbus_connection_register_object(
+      connection_, kAgentPath, agent_node_info_->interfaces[0], &vtable, this,
+      nullptr, nullptr);
+  if (agent_registration_id_ == 0) return false;
+  if (CallSync({kAgentManagerPath, kAgentManagerInterface, "RegisterAgent",
+                g_variant_new("(os)", kAgentPath, kAgentCapability)},
+               "RegisterAgent") == nullptr) {
+    return false;
+  }
+  CallSync({kAgentManagerPath, kAgentManagerInterface, "RequestDefaultAgent",
+            g_variant_new("(o)", kAgentPath)});
+  return true;
+}
+
+void BluezClient::UnregisterAgent() {
+  if (agent_registration_id_ != 0) {
+    g_dbus_connection_unregister_object(connection_, agent_registration_id_);
+    agent_registration_id_ = 0;
+  }
+  CallSync({kAgentManagerPath, kAgentManagerInterface, "UnregisterAgent",
+            g_variant_new("(o)", kAgentPath)});
+}
+
+void BluezClient::AgentMethodCall(GDBusConnection*, const gchar*, const gchar*,
+                                  const gchar*, const gchar* method, GVariant*,
+                                  GDBusMethodInvocation* invocation, gpointer) {
+  const bool granted = std::any_of(
+      std::begin(kGrantedRequests), std::end(kGrantedRequests),
+      [method](const char* name) { return g_str_equal(method, name); });
+  if (granted) {
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+  } else {
+    g_dbus_method_invocation_return_dbus_error(invocation, kRejectedError,
+                                               kRejectedMessage);
+  }
+}
+
+}  // namespace lumso_bluetooth

@@ -1,0 +1,969 @@
+#include "../include/lumso_bluetooth/lumso_bluetooth_plugin.h"
+
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/rfcomm.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "bluez_client.h"
+#include "rfcomm_connection.h"
+
+namespace lumso_bluetooth {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+// -- Constants ---------------------------------------------------------------
+
+constexpr char kMethodChannel[] = "lumso_bluetooth/methods";
+constexpr char kDiscoveryChannel[] = "lumso_bluetooth/discovery";
+constexpr char kStateChannel[] = "lumso_bluetooth/state";
+constexpr char kDebugChannel[] = "lumso_bluetooth/debug";
+constexpr char kReadChannelFormat[] = "lumso_bluetooth/read/%d";
+
+constexpr char kInvalidArgument[] = "EINVAL";
+constexpr char kConnectionFailed[] = "ECONN";
+
+constexpr char kRssiUpdate[] = "rssiUpdate";
+constexpr char kDeviceLost[] = "deviceLost";
+
+// Both state scales of the application: off or not bonded, on or bonded.
+constexpr int kStateOff = 10;
+constexpr int kStateOn = 12;
+
+// Names of the devices that the prober asks for a reading begin with these.
+constexpr std::string_view kProbedNamePrefixes[] = {
+    "VELKAN-", "VELK2N-", "DRU-Palent", "DRU-KX", "DRU-Ostavel",
+};
+constexpr int kFailuresUntilLost = 2;
+constexpr seconds kEmptySecretWait{2};
+constexpr int kPauseSteps = 30;
+constexpr seconds kPauseStep{1};
+
+constexpr uint8_t kRfcommChannel = 1;
+constexpr milliseconds kConnectTimeout{5000};
+constexpr milliseconds kGreetingTimeout{2500};
+constexpr milliseconds kReadyTimeout{2500};
+constexpr milliseconds kReplyTimeout{5000};
+constexpr milliseconds kDrainTimeout{200};
+constexpr int kDrainPolls = 10;
+constexpr size_t kDrainReadSize = 64;
+constexpr size_t kProbeReadSize = 256;
+
+// -- State -------------------------------------------------------------------
+
+// All state of one plug-in instance. Records queued to the main loop hold it
+// weakly, so that they do nothing once it is gone.
+struct PluginState : std::enable_shared_from_this<PluginState> {
+  // One open connection. Whoever removes an entry releases its channel.
+  struct ConnectionEntry {
+    std::unique_ptr<RfcommConnection> connection;
+    FlEventChannel* read_channel = nullptr;  // owned reference
+    std::string address;                     // as given to "connect"
+  };
+
+  // Null when there is no bus, daemon or adapter.
+  std::unique_ptr<BluezClient> client;
+  FlMethodChannel* method_channel = nullptr;    // owned reference
+  FlBinaryMessenger* messenger = nullptr;       // borrowed from the registrar
+  FlEventChannel* discovery_channel = nullptr;  // owned reference
+  FlEventChannel* state_channel = nullptr;      // owned reference
+  FlEventChannel* debug_channel = nullptr;      // owned reference
+  // Never reused. Guarded by connections_mutex.
+  int32_t next_connection_id = 1;
+  std::mutex connections_mutex;
+  // By id. Changed by the main thread alone, read by the prober. Guarded by
+  // connections_mutex.
+  std::map<int32_t, ConnectionEntry> connections;
+  std::mutex secret_mutex;
+  std::string auth_secret;  // guarded by secret_mutex
+  std::thread rssi_thread;
+  std::atomic<bool> rssi_stop{false};
+  std::atomic<bool> rssi_running{false};
+  // Counted failures in a row by device address. Guarded by
+  // rssi_failures_mutex.
+  std::unordered_map<std::string, int32_t> rssi_failures;
+  std::mutex rssi_failures_mutex;
+};
+
+// User data of a read channel's handlers, which do not use it.
+struct ReadChannelContext {
+  PluginState* state;
+  int32_t id;
+};
+
+// One callback of a reader thread on its way to the main loop.
+struct ReadChunk {
+  std::weak_ptr<PluginState> state;
+  int32_t id;
+  std::vector<uint8_t> bytes;
+  bool end;
+};
+
+// One result of the prober on its way to the main loop.
+struct SideBandEvent {
+  std::weak_ptr<PluginState> state;
+  std::string type;  // kRssiUpdate or kDeviceLost
+  std::string address;
+  int32_t value;  // 0 for kDeviceLost
+};
+
+// What one probe of a device came to.
+struct ProbeOutcome {
+  bool ok = false;
+  int32_t value = 0;       // the reading in dBm; 0 unless ok
+  bool transient = false;  // a failure that is not counted
+  std::string error;       // empty when ok
+};
+
+}  // namespace
+}  // namespace lumso_bluetooth
+
+struct _LumsoBluetoothPlugin {
+  GObject parent_instance;
+  // Made by instance init, empty from dispose on.
+  std::shared_ptr<lumso_bluetooth::PluginState> state;
+};
+
+G_DEFINE_TYPE(LumsoBluetoothPlugin, lumso_bluetooth_plugin, G_TYPE_OBJECT)
+
+namespace lumso_bluetooth {
+namespace {
+
+PluginState* StateOf(gpointer plugin) {
+  return static_cast<LumsoBluetoothPlugin*>(plugin)->state.get();
+}
+
+// -- Event streams -----------------------------------------------------------
+
+// Returns the application's map of a device. Transfer full.
+FlValue* DeviceToFlValue(const DiscoveredDevice& device) {
+  FlValue* map = fl_value_new_map();
+  fl_value_set_string_take(map, "address",
+                           fl_value_new_string(device.address.c_str()));
+  fl_value_set_string_take(map, "name",
+                           fl_value_new_string(device.name.c_str()));
+  fl_value_set_string_take(map, "type", fl_value_new_int(0));
+  fl_value_set_string_take(map, "isConnected",
+                           fl_value_new_int(device.connected ? 1 : 0));
+  fl_value_set_string_take(
+      map, "bondState", fl_value_new_int(device.paired ? kStateOn : kStateOff));
+  fl_value_set_string_take(map, "rssi", fl_value_new_int(device.rssi));
+  return map;
+}
+
+void SendDeviceEvent(PluginState* state, const DiscoveredDevice& device) {
+  if (state->discovery_channel == nullptr) return;
+  g_autoptr(FlValue) event = fl_value_new_map();
+  fl_value_set_string_take(event, "device", DeviceToFlValue(device));
+  fl_event_channel_send(state->discovery_channel, event, nullptr, nullptr);
+}
+
+void SendStateEvent(PluginState* state) {
+  if (state->state_channel == nullptr) return;
+  g_autoptr(FlValue) event =
+      fl_value_new_int(state->client->powered() ? kStateOn : kStateOff);
+  fl_event_channel_send(state->state_channel, event, nullptr, nullptr);
+}
+
+// Returns the client that a stream handler works on, or null.
+BluezClient* ClientOf(gpointer plugin) {
+  if (plugin == nullptr) return nullptr;
+  PluginState* state = StateOf(plugin);
+  return state == nullptr ? nullptr : state->client.get();
+}
+
+// The installed callables hold the state plainly: they belong to the client,
+// which goes before the state does.
+FlMethodErrorResponse* OnDiscoveryListen(FlEventChannel*, FlValue*,
+                                         gpointer user_data) {
+  if (BluezClient* client = ClientOf(user_data)) {
+    client->on_device =
+        [state = StateOf(user_data)](const DiscoveredDevice& device) {
+          SendDeviceEvent(state, device);
+        };
+  }
+  return nullptr;
+}
+
+FlMethodErrorResponse* OnDiscoveryCancel(FlEventChannel*, FlValue*,
+                                         gpointer user_data) {
+  if (BluezClient* client = ClientOf(user_data)) client->on_device = nullptr;
+  return nullptr;
+}
+
+FlMethodErrorResponse* OnStateListen(FlEventChannel*, FlValue*,
+                                     gpointer user_data) {
+  if (BluezClient* client = ClientOf(user_data)) {
+    PluginState* state = StateOf(user_data);
+    client->on_state_changed = [state] { SendStateEvent(state); };
+    SendStateEvent(state);
+  }
+  return nullptr;
+}
+
+FlMethodErrorResponse* OnStateCancel(FlEventChannel*, FlValue*,
+                                     gpointer user_data) {
+  if (BluezClient* client = ClientOf(user_data)) {
+    client->on_state_changed = nullptr;
+  }
+  return nullptr;
+}
+
+FlMethodErrorResponse* OnDebugListen(FlEventChannel*, FlValue*, gpointer) {
+  return nullptr;
+}
+
+FlMethodErrorResponse* OnDebugCancel(FlEventChannel*, FlValue*, gpointer) {
+  return nullptr;
+}
+
+// -- Side-band session -------------------------------------------------------
+
+ProbeOutcome ProbeFailure(std::string error, bool transient = false) {
+  ProbeOutcome outcome;
+  outcome.transient = transient;
+  outcome.error = std::move(error);
+  return outcome;
+}
+
+ProbeOutcome ConnectFailure(int error) {
+  const bool transient =
+      error == ENETUNREACH || error == ECONNREFUSED || error == EHOSTUNREACH;
+  return ProbeFailure(std::string("connect: ") + std::strerror(error),
+                      transient);
+}
+
+// Reads from `fd` until `buffer` holds `terminator`. Returns false on timeout,
+// end of stream or a read error. Removes nothing from the buffer.
+bool RecvUntil(int fd, std::string* buffer, const char* terminator,
+               milliseconds timeout) {
+  const auto deadline = steady_clock::now() + timeout;
+  if (buffer->find(terminator) != std::string::npos) return true;
+  for (;;) {
+    const auto remaining = deadline - steady_clock::now();
+    if (remaining <= remaining.zero()) return false;
+    pollfd wait = {fd, POLLIN, 0};
+    const auto remaining_ms =
+        std::chrono::duration_cast<milliseconds>(remaining);
+    if (poll(&wait, 1, static_cast<int>(remaining_ms.count())) <= 0) {
+      return false;
+    }
+    char chunk[kProbeReadSize];
+    const ssize_t count = read(fd, chunk, sizeof(chunk));
+    if (count > 0) {
+      // The terminator may straddle two reads.
+      const size_t overlap = std::strlen(terminator) - 1;
+      const size_t from = buffer->size() - std::min(buffer->size(), overlap);
+      buffer->append(chunk, static_cast<size_t>(count));
+      if (buffer->find(terminator, from) != std::string::npos) return true;
+    } else if (count == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+}
+
+bool SendAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = write(fd, bytes.data(), bytes.size());
+    if (count > 0) {
+      bytes.remove_prefix(static_cast<size_t>(count));
+    } else if (count == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Connects `fd` within kConnectTimeout and leaves it blocking. The outcome is
+// ok without a value.
+ProbeOutcome ConnectProbe(int fd, const sockaddr_rc& remote) {
+  ProbeOutcome connected;
+  connected.ok = true;
+  const int flags = fcntl(fd, F_GETFL);
+  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) <
+      0) {
+    if (errno != EINPROGRESS) return ConnectFailure(errno);
+    pollfd wait = {fd, POLLOUT, 0};
+    if (poll(&wait, 1, static_cast<int>(kConnectTimeout.count())) <= 0) {
+      return ProbeFailure("connect timeout");
+    }
+    int error = 0;
+    socklen_t size = sizeof(error);
+    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    if (error != 0) return ConnectFailure(error);
+  }
+  fcntl(fd, F_SETFL, flags);
+  return connected;
+}
+
+// Ends the plug-in's side and reads a little of what the device still sends.
+void HalfCloseAndDrain(int fd) {
+  shutdown(fd, SHUT_WR);
+  for (int i = 0; i < kDrainPolls; ++i) {
+    pollfd wait = {fd, POLLIN, 0};
+    if (poll(&wait, 1, static_cast<int>(kDrainTimeout.count())) <= 0) return;
+    char scratch[kDrainReadSize];
+    if (read(fd, scratch, sizeof(scratch)) <= 0) return;
+  }
+}
+
+// Runs the exchange on a connected socket and leaves the reply in `response`.
+// The outcome is ok without a value.
+ProbeOutcome RunProbeExchange(int fd, const std::string& secret,
+                              std::string* response) {
+  if (!RecvUntil(fd, response, "auth\r\n", kGreetingTimeout)) {
+    return ProbeFailure("greeting timeout");
+  }
+  response->clear();
+  if (!SendAll(fd, "auth=" + secret + "\r\n")) {
+    return ProbeFailure("send auth");
+  }
+  if (!RecvUntil(fd, response, "ready\r\n", kReadyTimeout)) {
+    return ProbeFailure("ready timeout");
+  }
+  response->clear();
+  if (!SendAll(fd, "rssi\r\n")) return ProbeFailure("send rssi");
+  if (!RecvUntil(fd, response, "!!END", kReplyTimeout)) {
+    return ProbeFailure("rssi timeout");
+  }
+  HalfCloseAndDrain(fd);
+  ProbeOutcome answered;
+  answered.ok = true;
+  return answered;
+}
+
+// Reads the integer that follows the key "rssi" and a colon in a reply.
+ProbeOutcome ParseReading(const std::string& response) {
+  const size_t key = response.find("\"rssi\"");
+  if (key == std::string::npos) return ProbeFailure("no rssi in response");
+  const size_t colon = response.find(':', key);
+  if (colon == std::string::npos) return ProbeFailure("no rssi value");
+  const size_t start = response.find_first_not_of(" \t", colon + 1);
+  if (start == std::string::npos) return ProbeFailure("rssi value not integer");
+  const bool has_sign = response[start] == '+' || response[start] == '-';
+  const size_t end = std::min(
+      response.find_first_not_of("0123456789", start + (has_sign ? 1 : 0)),
+      response.size());
+  const std::string candidate = response.substr(start, end - start);
+  if (candidate.empty()) return ProbeFailure("rssi value not integer");
+
+  char* rest = nullptr;
+  errno = 0;
+  const long value = std::strtol(candidate.c_str(), &rest, 10);
+  if (rest == candidate.c_str() || errno == ERANGE || value < INT32_MIN ||
+      value > INT32_MAX) {
+    return ProbeFailure("rssi parse");
+  }
+  ProbeOutcome reading;
+  reading.ok = true;
+  reading.value = static_cast<int32_t>(value);
+  return reading;
+}
+
+// Asks the device at `address` for its signal strength, on a connection of its
+// own. Prober thread; blocks for about seventeen seconds at most.
+ProbeOutcome ProbeDeviceRssi(const std::string& address,
+                             const std::string& secret) {
+  sockaddr_rc remote;
+  std::memset(&remote, 0, sizeof(remote));
+  remote.rc_family = AF_BLUETOOTH;
+  remote.rc_channel = kRfcommChannel;
+  if (str2ba(address.c_str(), &remote.rc_bdaddr) != 0) {
+    return ProbeFailure("bad address");
+  }
+  const int fd = socket(AF_BLUETOOTH, SOCK_STREAM, BTPROTO_RFCOMM);
+  if (fd < 0) {
+    return ProbeFailure(std::string("socket: ") + std::strerror(errno));
+  }
+  fcntl(fd, F_SETFD, FD_CLOEXEC);
+  std::string response;
+  ProbeOutcome outcome = ConnectProbe(fd, remote);
+  if (outcome.ok) outcome = RunProbeExchange(fd, secret, &response);
+  close(fd);
+  return outcome.ok ? ParseReading(response) : outcome;
+}
+
+// -- Side-band events --------------------------------------------------------
+
+// Main thread. Consumes the record.
+gboolean DispatchSideBandEvent(gpointer user_data) {
+  const std::unique_ptr<SideBandEvent> record(
+      static_cast<SideBandEvent*>(user_data));
+  const std::shared_ptr<PluginState> state = record->state.lock();
+  if (state == nullptr || state->discovery_channel == nullptr) {
+    return G_SOURCE_REMOVE;
+  }
+  g_autoptr(FlValue) event = fl_value_new_map();
+  fl_value_set_string_take(event, "type",
+                           fl_value_new_string(record->type.c_str()));
+  fl_value_set_string_take(event, "address",
+                           fl_value_new_string(record->address.c_str()));
+  if (record->type == kRssiUpdate) {
+    fl_value_set_string_take(event, "rssi", fl_value_new_int(record->value));
+  }
+  fl_event_channel_send(state->discovery_channel, event, nullptr, nullptr);
+  return G_SOURCE_REMOVE;
+}
+
+// Any thread.
+void PostSideBandEvent(PluginState* state, const std::string& type,
+                       const std::string& address, int32_t value) {
+  auto record = std::make_unique<SideBandEvent>(
+      SideBandEvent{state->weak_from_this(), type, address, value});
+  g_idle_add(DispatchSideBandEvent, record.release());
+}
+
+// -- Prober ------------------------------------------------------------------
+
+bool IsProbedName(std::string_view name) {
+  return std::any_of(std::begin(kProbedNamePrefixes),
+                     std::end(kProbedNamePrefixes),
+                     [name](std::string_view prefix) {
+                       return name.substr(0, prefix.size()) == prefix;
+                     });
+}
+
+// Returns the address and name of each device to probe, in the daemon's order.
+std::vector<std::pair<std::string, std::string>> ProbeTargets(
+    const PluginState& state) {
+  std::vector<std::pair<std::string, std::string>> targets;
+  if (state.client == nullptr) return targets;
+  for (const DiscoveredDevice& device : state.client->GetKnownDevices()) {
+    if (IsProbedName(device.name)) {
+      targets.emplace_back(device.address, device.name);
+    }
+  }
+  return targets;
+}
+
+std::set<std::string> ConnectedAddresses(PluginState* state) {
+  std::set<std::string> addresses;
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  for (const auto& [id, entry] : state->connections) {
+    if (!entry.address.empty()) addresses.insert(entry.address);
+  }
+  return addresses;
+}
+
+void ForgetFailures(PluginState* state, const std::string& address) {
+  const std::lock_guard<std::mutex> lock(state->rssi_failures_mutex);
+  state->rssi_failures.erase(address);
+}
+
+void ReportProbe(PluginState* state, const std::string& address,
+                 const ProbeOutcome& outcome) {
+  if (outcome.ok) {
+    ForgetFailures(state, address);
+    PostSideBandEvent(state, kRssiUpdate, address, outcome.value);
+    return;
+  }
+  if (outcome.transient) {
+    g_log(nullptr, G_LOG_LEVEL_DEBUG,
+          "lumso_bluetooth: RSSI probe %s transient: %s", address.c_str(),
+          outcome.error.c_str());
+    return;
+  }
+  int32_t failures = 0;
+  {
+    const std::lock_guard<std::mutex> lock(state->rssi_failures_mutex);
+    failures = ++state->rssi_failures[address];
+  }
+  g_log(nullptr, G_LOG_LEVEL_WARNING,
+        "lumso_bluetooth: RSSI probe %s fail %d/%d: %s", address.c_str(),
+        failures, kFailuresUntilLost, outcome.error.c_str());
+  if (failures >= kFailuresUntilLost) {
+    ForgetFailures(state, address);
+    PostSideBandEvent(state, kDeviceLost, address, 0);
+  }
+}
+
+// One pass over the devices. Holds no lock while it asks the daemon, probes,
+// logs or posts.
+void ProbeDevices(PluginState* state, const std::string& secret) {
+  const auto targets = ProbeTargets(*state);
+  const std::set<std::string> connected = ConnectedAddresses(state);
+  for (const auto& [address, name] : targets) {
+    if (state->rssi_stop.load()) return;
+    if (connected.count(address) != 0) continue;
+    ReportProbe(state, address, ProbeDeviceRssi(address, secret));
+  }
+}
+
+// Body of the prober thread; ends at the first stop check after rssi_stop.
+void RssiProbeLoop(PluginState* state) {
+  pthread_setname_np(pthread_self(), "lumso-prober");
+  // A device may close before the prober writes; that must not end the process.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  while (!state->rssi_stop.load()) {
+    std::string secret;
+    {
+      const std::lock_guard<std::mutex> lock(state->secret_mutex);
+      secret = state->auth_secret;
+    }
+    if (secret.empty()) {
+      std::this_thread::sleep_for(kEmptySecretWait);
+      continue;
+    }
+    ProbeDevices(state, secret);
+    for (int i = 0; i < kPauseSteps && !state->rssi_stop.load(); ++i) {
+      std::this_thread::sleep_for(kPauseStep);
+    }
+  }
+}
+
+// Starts the prober on the first call; the thread borrows the state, and
+// dispose joins it before the state goes.
+void EnsureRssiProberStarted(PluginState* state) {
+  bool expected = false;
+  if (!state->rssi_running.compare_exchange_strong(expected, true)) return;
+  state->rssi_stop.store(false);
+  state->rssi_thread = std::thread(RssiProbeLoop, state);
+}
+
+// -- Connections -------------------------------------------------------------
+
+// Main thread. Consumes the record.
+gboolean DispatchReadBytes(gpointer user_data) {
+  const std::unique_ptr<ReadChunk> chunk(static_cast<ReadChunk*>(user_data));
+  const std::shared_ptr<PluginState> state = chunk->state.lock();
+  if (state == nullptr) return G_SOURCE_REMOVE;
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const auto found = state->connections.find(chunk->id);
+  if (found == state->connections.end() ||
+      found->second.read_channel == nullptr) {
+    return G_SOURCE_REMOVE;
+  }
+  FlEventChannel* channel = found->second.read_channel;
+  if (chunk->end) {
+    fl_event_channel_send_end_of_stream(channel, nullptr, nullptr);
+  } else {
+    g_autoptr(FlValue) event =
+        fl_value_new_uint8_list(chunk->bytes.data(), chunk->bytes.size());
+    fl_event_channel_send(channel, event, nullptr, nullptr);
+  }
+  return G_SOURCE_REMOVE;
+}
+
+// Runs on the reader thread. Takes no lock: Close() joins this thread while the
+// main thread holds connections_mutex.
+void QueueReadChunk(const std::weak_ptr<PluginState>& state, int32_t id,
+                    const uint8_t* data, size_t count, bool end) {
+  auto chunk = std::make_unique<ReadChunk>(
+      ReadChunk{state, id, std::vector<uint8_t>(data, data + count), end});
+  g_idle_add(DispatchReadBytes, chunk.release());
+}
+
+// What a device sends is passed on whether or not anybody listens.
+FlMethodErrorResponse* OnReadListen(FlEventChannel*, FlValue*, gpointer) {
+  return nullptr;
+}
+
+FlMethodErrorResponse* OnReadCancel(FlEventChannel*, FlValue*, gpointer) {
+  return nullptr;
+}
+
+void FreeReadChannelContext(gpointer user_data) {
+  delete static_cast<ReadChannelContext*>(user_data);
+}
+
+// Makes the read channel of connection `id`. Transfer full.
+FlEventChannel* NewReadChannel(PluginState* state, int32_t id) {
+  g_autofree gchar* name = g_strdup_printf(kReadChannelFormat, id);
+  g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
+  FlEventChannel* channel =
+      fl_event_channel_new(state->messenger, name, FL_METHOD_CODEC(codec));
+  auto context =
+      std::make_unique<ReadChannelContext>(ReadChannelContext{state, id});
+  fl_event_channel_set_stream_handlers(channel, OnReadListen, OnReadCancel,
+                                       context.release(),
+                                       FreeReadChannelContext);
+  return channel;
+}
+
+// -- Method handlers ---------------------------------------------------------
+
+// What a method handler works on; borrowed for the duration of the call.
+struct Call {
+  PluginState* state;
+  FlValue* args;
+  bool ready;  // there is a client with an adapter
+};
+
+FlMethodResponse* Success(FlValue* result) {
+  return FL_METHOD_RESPONSE(fl_method_success_response_new(result));
+}
+
+FlMethodResponse* SuccessBool(bool result) {
+  g_autoptr(FlValue) value = fl_value_new_bool(result);
+  return Success(value);
+}
+
+FlMethodResponse* SuccessInt(int64_t result) {
+  g_autoptr(FlValue) value = fl_value_new_int(result);
+  return Success(value);
+}
+
+FlMethodResponse* SuccessString(const gchar* result) {
+  g_autoptr(FlValue) value = fl_value_new_string(result);
+  return Success(value);
+}
+
+FlMethodResponse* SuccessDevices(const std::vector<DiscoveredDevice>& devices) {
+  g_autoptr(FlValue) list = fl_value_new_list();
+  for (const DiscoveredDevice& device : devices) {
+    fl_value_append_take(list, DeviceToFlValue(device));
+  }
+  return Success(list);
+}
+
+FlMethodResponse* Error(const char* code, const char* message) {
+  return FL_METHOD_RESPONSE(
+      fl_method_error_response_new(code, message, nullptr));
+}
+
+// Returns the argument `key`, borrowed, or null when the arguments are not a
+// map or have no such key.
+FlValue* Argument(const Call& call, const char* key) {
+  if (call.args == nullptr ||
+      fl_value_get_type(call.args) != FL_VALUE_TYPE_MAP) {
+    return nullptr;
+  }
+  return fl_value_lookup_string(call.args, key);
+}
+
+// Returns a string argument, borrowed, or null when it is missing.
+const gchar* StringArgument(const Call& call, const char* key) {
+  FlValue* value = Argument(call, key);
+  if (value == nullptr || fl_value_get_type(value) != FL_VALUE_TYPE_STRING) {
+    return nullptr;
+  }
+  return fl_value_get_string(value);
+}
+
+// Returns the argument "id", narrowed to the 32 bits that ids have; -1 when it
+// is missing, and 0, which is never handed out, when it is not an integer.
+int32_t IdArgument(const Call& call) {
+  FlValue* value = Argument(call, "id");
+  if (value == nullptr) return -1;
+  if (fl_value_get_type(value) != FL_VALUE_TYPE_INT) return 0;
+  return static_cast<int32_t>(fl_value_get_int(value));
+}
+
+FlMethodResponse* IsAvailable(const Call& call) {
+  return SuccessBool(call.ready);
+}
+
+FlMethodResponse* IsEnabled(const Call& call) {
+  return SuccessBool(call.ready && call.state->client->powered());
+}
+
+FlMethodResponse* GetState(const Call& call) {
+  return SuccessInt(call.ready && call.state->client->powered() ? kStateOn
+                                                                : kStateOff);
+}
+
+FlMethodResponse* GetAddress(const Call& call) {
+  return SuccessString(
+      call.ready ? call.state->client->adapter_address().c_str() : "");
+}
+
+FlMethodResponse* GetName(const Call& call) {
+  return SuccessString(call.ready ? call.state->client->adapter_name().c_str()
+                                  : "");
+}
+
+FlMethodResponse* IsDiscovering(const Call& call) {
+  return SuccessBool(call.ready && call.state->client->discovering());
+}
+
+FlMethodResponse* StartDiscovery(const Call& call) {
+  return SuccessBool(call.ready && call.state->client->StartDiscovery());
+}
+
+FlMethodResponse* CancelDiscovery(const Call& call) {
+  return SuccessBool(call.ready && call.state->client->StopDiscovery());
+}
+
+FlMethodResponse* GetDiscoveredDevices(const Call& call) {
+  return SuccessDevices(call.ready ? call.state->client->GetKnownDevices()
+                                   : std::vector<DiscoveredDevice>());
+}
+
+FlMethodResponse* GetBondedDevices(const Call& call) {
+  return SuccessDevices(call.ready ? call.state->client->GetBondedDevices()
+                                   : std::vector<DiscoveredDevice>());
+}
+
+FlMethodResponse* GetBondState(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  return SuccessInt(call.ready && address != nullptr
+                        ? call.state->client->GetBondState(address)
+                        : kStateOff);
+}
+
+FlMethodResponse* BondDevice(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  return SuccessBool(call.ready && address != nullptr &&
+                     call.state->client->PairDevice(address));
+}
+
+FlMethodResponse* RemoveDeviceBond(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  return SuccessBool(call.ready && address != nullptr &&
+                     call.state->client->RemoveDevice(address));
+}
+
+FlMethodResponse* Connect(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  if (address == nullptr || !call.ready) {
+    return Error(kInvalidArgument, "BT not initialized or address missing");
+  }
+  auto connection = std::make_unique<RfcommConnection>();
+  if (!connection->Connect(address)) {
+    return Error(kConnectionFailed, "RFCOMM connect failed");
+  }
+
+  PluginState* state = call.state;
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const int32_t id = state->next_connection_id++;
+  FlEventChannel* read_channel = NewReadChannel(state, id);
+  // Nothing is delivered before the entry exists and the answer has left: the
+  // chunks go through the main loop, and this handler holds the main thread.
+  connection->Start([weak_state = state->weak_from_this(), id](
+                        const uint8_t* data, size_t count, bool end) {
+    QueueReadChunk(weak_state, id, data, count, end);
+  });
+  state->connections.emplace(
+      id, PluginState::ConnectionEntry{std::move(connection), read_channel,
+                                       address});
+  return SuccessInt(id);
+}
+
+FlMethodResponse* SetAuthSecret(const Call& call) {
+  const gchar* secret = StringArgument(call, "secret");
+  if (secret == nullptr) return Error(kInvalidArgument, "secret missing");
+  {
+    const std::lock_guard<std::mutex> lock(call.state->secret_mutex);
+    call.state->auth_secret = secret;
+  }
+  EnsureRssiProberStarted(call.state);
+  return Success(nullptr);
+}
+
+FlMethodResponse* Disconnect(const Call& call) {
+  const int32_t id = IdArgument(call);
+  if (id < 0) return SuccessBool(false);
+  PluginState* state = call.state;
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const auto found = state->connections.find(id);
+  if (found == state->connections.end()) return SuccessBool(false);
+  found->second.connection->Close();
+  g_clear_object(&found->second.read_channel);
+  state->connections.erase(found);
+  return SuccessBool(true);
+}
+
+FlMethodResponse* Write(const Call& call) {
+  const int32_t id = IdArgument(call);
+  FlValue* bytes = Argument(call, "bytes");
+  if (bytes == nullptr ||
+      fl_value_get_type(bytes) != FL_VALUE_TYPE_UINT8_LIST) {
+    return SuccessBool(false);
+  }
+  const size_t count = fl_value_get_length(bytes);
+  if (id < 0 || count == 0) return SuccessBool(false);
+  const std::lock_guard<std::mutex> lock(call.state->connections_mutex);
+  const auto found = call.state->connections.find(id);
+  return SuccessBool(
+      found != call.state->connections.end() &&
+      found->second.connection->Write(fl_value_get_uint8_list(bytes), count));
+}
+
+// Methods that this platform does not offer.
+FlMethodResponse* Unsupported(const Call&) { return SuccessBool(false); }
+
+FlMethodResponse* GetPlatformVersion(const Call&) {
+  utsname system = {};
+  uname(&system);
+  g_autofree gchar* version = g_strdup_printf("Linux %s", system.version);
+  return SuccessString(version);
+}
+
+struct Method {
+  const char* name;
+  FlMethodResponse* (*handle)(const Call& call);  // transfer full
+};
+
+// In order of comparison.
+constexpr Method kMethods[] = {
+    {"isAvailable", IsAvailable},
+    {"isEnabled", IsEnabled},
+    {"isOn", IsEnabled},
+    {"getState", GetState},
+    {"getAddress", GetAddress},
+    {"getName", GetName},
+    {"isDiscovering", IsDiscovering},
+    {"startDiscovery", StartDiscovery},
+    {"cancelDiscovery", CancelDiscovery},
+    {"getDiscoveredDevices", GetDiscoveredDevices},
+    {"getBondedDevices", GetBondedDevices},
+    {"getDeviceBondState", GetBondState},
+    {"getBondState", GetBondState},
+    {"bondDevice", BondDevice},
+    {"removeDeviceBond", RemoveDeviceBond},
+    {"connect", Connect},
+    {"setAuthSecret", SetAuthSecret},
+    {"disconnect", Disconnect},
+    {"write", Write},
+    {"requestEnable", Unsupported},
+    {"requestDisable", Unsupported},
+    {"openSettings", Unsupported},
+    {"isDiscoverable", Unsupported},
+    {"requestDiscoverable", Unsupported},
+    {"setName", Unsupported},
+    {"pairingRequestHandlingEnable", Unsupported},
+    {"pairingRequestHandlingDisable", Unsupported},
+    {"getPlatformVersion", GetPlatformVersion},
+};
+
+// Handles every call on the method channel and answers it before it returns. A
+// plug-in that was disposed implements nothing.
+void LumsoHandleMethod(FlMethodChannel*, FlMethodCall* method_call,
+                       gpointer user_data) {
+  PluginState* state = StateOf(user_data);
+  const gchar* name = fl_method_call_get_name(method_call);
+  const auto* method = std::end(kMethods);
+  if (state != nullptr) {
+    method = std::find_if(
+        std::begin(kMethods), std::end(kMethods),
+        [name](const Method& row) { return g_strcmp0(name, row.name) == 0; });
+  }
+  g_autoptr(FlMethodResponse) response = nullptr;
+  if (method != std::end(kMethods)) {
+    const bool ready =
+        state->client != nullptr && state->client->adapter_path() != nullptr;
+    response =
+        method->handle({state, fl_method_call_get_args(method_call), ready});
+  } else {
+    response = FL_METHOD_RESPONSE(fl_method_not_implemented_response_new());
+  }
+  fl_method_call_respond(method_call, response, nullptr);
+}
+
+// -- Lifecycle ---------------------------------------------------------------
+
+// Ends the threads first, then what they use, then what the main thread uses.
+void TearDown(PluginState* state) {
+  state->rssi_stop.exchange(true);
+  if (state->rssi_thread.joinable()) state->rssi_thread.join();
+  state->rssi_running.exchange(false);
+  {
+    const std::lock_guard<std::mutex> lock(state->connections_mutex);
+    for (auto& [id, entry] : state->connections) {
+      entry.connection->Close();
+      g_clear_object(&entry.read_channel);
+    }
+    state->connections.clear();
+  }
+  state->client.reset();
+  g_clear_object(&state->method_channel);
+  g_clear_object(&state->discovery_channel);
+  g_clear_object(&state->state_channel);
+  g_clear_object(&state->debug_channel);
+}
+
+// Makes one event channel, whose handlers keep the plug-in. Transfer full.
+FlEventChannel* NewEventChannel(LumsoBluetoothPlugin* self, const char* name,
+                                FlMethodCodec* codec,
+                                FlEventChannelHandler listen,
+                                FlEventChannelHandler cancel) {
+  FlEventChannel* channel =
+      fl_event_channel_new(self->state->messenger, name, codec);
+  fl_event_channel_set_stream_handlers(channel, listen, cancel,
+                                       g_object_ref(self), g_object_unref);
+  return channel;
+}
+
+}  // namespace
+}  // namespace lumso_bluetooth
+
+static void lumso_bluetooth_plugin_dispose(GObject* object) {
+  auto* self = reinterpret_cast<LumsoBluetoothPlugin*>(object);
+  if (self->state != nullptr) {
+    lumso_bluetooth::TearDown(self->state.get());
+    self->state.reset();
+  }
+  G_OBJECT_CLASS(lumso_bluetooth_plugin_parent_class)->dispose(object);
+}
+
+static void lumso_bluetooth_plugin_class_init(
+    LumsoBluetoothPluginClass* klass) {
+  G_OBJECT_CLASS(klass)->dispose = lumso_bluetooth_plugin_dispose;
+}
+
+// The instance's memory is zeroed and freed by GObject. Dispose leaves the
+// pointer empty, so that no finalize is needed.
+static void lumso_bluetooth_plugin_init(LumsoBluetoothPlugin* self) {
+  new (&self->state) std::shared_ptr<lumso_bluetooth::PluginState>(
+      std::make_shared<lumso_bluetooth::PluginState>());
+}
+
+void lumso_bluetooth_plugin_register_with_registrar(
+    FlPluginRegistrar* registrar) {
+  namespace lb = lumso_bluetooth;
+  auto* self = static_cast<LumsoBluetoothPlugin*>(
+      g_object_new(lumso_bluetooth_plugin_get_type(), nullptr));
+  lb::PluginState* state = self->state.get();
+  state->messenger = fl_plugin_registrar_get_messenger(registrar);
+  state->client = std::make_unique<lb::BluezClient>();
+  if (!state->client->Initialize()) state->client.reset();
+
+  FlStandardMethodCodec* standard_codec = fl_standard_method_codec_new();
+  FlMethodCodec* codec = FL_METHOD_CODEC(standard_codec);
+  state->method_channel =
+      fl_method_channel_new(state->messenger, lb::kMethodChannel, codec);
+  fl_method_channel_set_method_call_handler(state->method_channel,
+                                            lb::LumsoHandleMethod,
+                                            g_object_ref(self), g_object_unref);
+  state->discovery_channel =
+      lb::NewEventChannel(self, lb::kDiscoveryChannel, codec,
+                          lb::OnDiscoveryListen, lb::OnDiscoveryCancel);
+  state->state_channel = lb::NewEventChannel(
+      self, lb::kStateChannel, codec, lb::OnStateListen, lb::OnStateCancel);
+  state->debug_channel = lb::NewEventChannel(
+      self, lb::kDebugChannel, codec, lb::OnDebugListen, lb::OnDebugCancel);
+  g_object_unref(self);
+  g_object_unref(standard_codec);
+}

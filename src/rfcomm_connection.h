@@ -1,0 +1,74 @@
+#ifndef LUMSO_BLUETOOTH_SRC_RFCOMM_CONNECTION_H_
+#define LUMSO_BLUETOOTH_SRC_RFCOMM_CONNECTION_H_
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace lumso_bluetooth {
+
+// One outgoing RFCOMM stream to channel 1 of a remote device, made fresh for
+// each attempt to connect.
+//
+// The object owns its socket and one reader thread, which hands every run of
+// received bytes to a callback. All methods belong to the main thread; the
+// callback runs on the reader thread. Failures are written to standard error,
+// one line each, and returned as false.
+class RfcommConnection {
+ public:
+  // Receives what the reader thread reads: 1 to 2048 bytes with `end` false,
+  // valid for the duration of the call; then, as the reader's last act, null
+  // and 0 with `end` true. It must take no lock that the caller of Close()
+  // holds, and must neither close nor destroy its connection: Close() joins
+  // the thread it runs on.
+  using DataCallback =
+      std::function<void(const uint8_t* data, size_t count, bool end)>;
+
+  RfcommConnection() = default;
+  RfcommConnection(const RfcommConnection&) = delete;
+  RfcommConnection& operator=(const RfcommConnection&) = delete;
+
+  // Does what Close() does.
+  ~RfcommConnection();
+
+  // Connects to channel 1 of `address` (six two-digit hexadecimal fields joined
+  // by colons, as str2ba() of libbluetooth takes them). Blocks as long as the
+  // kernel tries: at once when the peer refuses, about 30 s when it stays
+  // silent. Returns whether the stream is open.
+  bool Connect(const std::string& address);
+
+  // Starts the reader thread. Without an open socket it does nothing, and
+  // `on_data` never runs. Call it once. Throws std::system_error when no thread
+  // can be made.
+  void Start(DataCallback on_data);
+
+  // Writes `count` bytes and returns whether the socket took them all. Blocks
+  // while the peer does not take them; what was sent before a failure stays
+  // sent. Silent and false when closed. A vanished peer may raise SIGPIPE,
+  // which is the host process's to ignore.
+  bool Write(const uint8_t* data, size_t count);
+
+  // Ends the stream, waits for the reader's end call and closes the socket.
+  // Returns at once, also when the peer vanished without a word. May be called
+  // at any point and again.
+  void Close();
+
+ private:
+  // Body of the reader thread.
+  void ReadLoop();
+
+  int fd_ = -1;                       // the socket; -1 when none is held
+  int wake_fd_ = -1;                  // eventfd that ends the reader's wait
+  std::thread reader_;                // runs ReadLoop() from Start() on
+  std::atomic<bool> running_{false};  // the reader goes on while it is set
+  std::mutex write_mutex_;            // one Write() at a time
+  DataCallback on_data_;              // set before the reader starts
+};
+
+}  // namespace lumso_bluetooth
+
+#endif  // LUMSO_BLUETOOTH_SRC_RFCOMM_CONNECTION_H_
