@@ -81,9 +81,13 @@ constexpr const char* kGrantedRequests[] = {
     "DisplayPinCode",
 };
 
-void LogFailure(const char* what, const GError* error) {
-  std::fprintf(stderr, "lumso_bluetooth: %s failed: %s\n", what,
-               error->message);
+void Log(const std::string& text) {
+  std::fprintf(stderr, "lumso_bluetooth: %s\n", text.c_str());
+  std::fflush(stderr);
+}
+
+void LogFailure(const std::string& what, const GError* error) {
+  Log(what + " failed: " + error->message);
 }
 
 // The three readers leave `field` alone when the value has another type.
@@ -118,7 +122,8 @@ void ForEachProperty(GVariant* properties, Visitor visit) {
 }
 
 // Calls visit(properties) for each interface called `name` among `interfaces`
-// (a{sa{sv}}) until it returns false. Returns whether it never did.
+// (a{sa{sv}}) until it returns false. Returns false when a visit ended the
+// walk.
 template <typename Visitor>
 bool ForEachInterface(GVariant* interfaces, std::string_view name,
                       Visitor visit) {
@@ -213,8 +218,9 @@ GVariantPtr BluezClient::GetDeviceProperty(const std::string& path,
       {path.c_str(), kPropertiesInterface, "Get",
        g_variant_new("(ss)", kDeviceInterface, property), kPropertyType});
   if (reply == nullptr) return nullptr;
-  const GVariantPtr boxed(g_variant_get_child_value(reply.get(), 0));
-  return GVariantPtr(g_variant_get_variant(boxed.get()));
+  GVariant* value;
+  g_variant_get(reply.get(), "(v)", &value);
+  return GVariantPtr(value);
 }
 
 bool BluezClient::ResolveAdapter() {
@@ -249,6 +255,8 @@ void BluezClient::RefreshAdapterProperties() {
 }
 
 void BluezClient::Subscribe() {
+  // GLib logs a critical for each match rule that it cannot send.
+  if (g_dbus_connection_is_closed(connection_)) return;
   const auto subscribe = [this](const char* interface, const char* signal,
                                 const char* path, GDBusSignalCallback handler) {
     return g_dbus_connection_signal_subscribe(
@@ -358,7 +366,7 @@ DiscoveredDevice BluezClient::ParseDevice(const std::string& path,
     } else if (key == "UUIDs" &&
                g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY)) {
       GVariantIter uuids;
-      g_variant_iter_init(&uuids, value);
+      device.uuids.reserve(g_variant_iter_init(&uuids, value));
       const gchar* uuid;
       while (g_variant_iter_next(&uuids, "&s", &uuid)) {
         device.uuids.emplace_back(uuid);
@@ -394,8 +402,7 @@ std::vector<DiscoveredDevice> BluezClient::GetBondedDevices() const {
 std::string BluezClient::FindDevicePath(const std::string& address) const {
   if (adapter_path_ == nullptr) return "";
   std::string candidate = std::string(adapter_path_) + "/dev_" + address;
-  std::replace(candidate.end() - static_cast<ptrdiff_t>(address.size()),
-               candidate.end(), ':', '_');
+  std::replace(candidate.begin(), candidate.end(), ':', '_');
   if (g_variant_is_object_path(candidate.c_str()) &&
       GetDeviceProperty(candidate, "Address") != nullptr) {
     return candidate;
@@ -421,8 +428,7 @@ int BluezClient::GetBondState(const std::string& address) const {
 bool BluezClient::PairDevice(const std::string& address) {
   const std::string path = FindDevicePath(address);
   if (path.empty()) {
-    std::fprintf(stderr, "lumso_bluetooth: pair: device not known yet (%s)\n",
-                 address.c_str());
+    Log("pair: device not known yet (" + address + ")");
     return false;
   }
   return CallSync({path.c_str(), kDeviceInterface, "Pair", nullptr, nullptr,

@@ -33,10 +33,11 @@ struct DiscoveredDevice {
 // and its cached state, the daemon's devices, bonding, and the pairing agent.
 //
 // Everything runs on the main thread, where the daemon's signals and the
-// agent's calls are dispatched too, except GetKnownDevices(). Calls to the
-// daemon are synchronous and block for at most the bus library's default
-// timeout of 25 s, PairDevice() for at most 60 s. Failures are values; the ones
-// worth telling are written to standard error with the bus's own text.
+// agent's calls are dispatched too, except GetKnownDevices(). Each call to
+// the daemon is synchronous and blocks for at most the bus library's default
+// timeout of 25 s, "Pair" for 60 s; a method makes up to three. Failures are
+// values; the ones worth telling are written to standard error with the bus's
+// own text.
 class BluezClient {
  public:
   BluezClient() = default;
@@ -83,8 +84,9 @@ class BluezClient {
   std::string FindDevicePath(const std::string& address) const;
   // Returns 12 when the device is paired, else 10.
   int GetBondState(const std::string& address) const;
-  // Pairs with a device that the daemon knows. Blocks for up to 60 s. Returns
-  // whether the daemon reported success.
+  // Pairs with a device that the daemon knows. Returns whether the daemon
+  // reported success. The agent answers nothing while this runs: both belong to
+  // the main thread.
   bool PairDevice(const std::string& address);
   // Makes the daemon forget the device and its bond. Returns true also when it
   // never knew it.

@@ -1,7 +1,5 @@
 #include "../include/lumso_bluetooth/lumso_bluetooth_plugin.h"
 
-#include <bluetooth/bluetooth.h>
-#include <bluetooth/rfcomm.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -14,9 +12,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -66,7 +66,6 @@ constexpr seconds kEmptySecretWait{2};
 constexpr int kPauseSteps = 30;
 constexpr seconds kPauseStep{1};
 
-constexpr uint8_t kRfcommChannel = 1;
 constexpr milliseconds kConnectTimeout{5000};
 constexpr milliseconds kGreetingTimeout{2500};
 constexpr milliseconds kReadyTimeout{2500};
@@ -81,7 +80,8 @@ constexpr size_t kProbeReadSize = 256;
 // All state of one plug-in instance. Records queued to the main loop hold it
 // weakly, so that they do nothing once it is gone.
 struct PluginState : std::enable_shared_from_this<PluginState> {
-  // One open connection. Whoever removes an entry releases its channel.
+  // One open connection. Whoever removes an entry releases its reference to
+  // the channel first.
   struct ConnectionEntry {
     std::unique_ptr<RfcommConnection> connection;
     FlEventChannel* read_channel = nullptr;  // owned reference
@@ -112,7 +112,9 @@ struct PluginState : std::enable_shared_from_this<PluginState> {
   std::mutex rssi_failures_mutex;
 };
 
-// User data of a read channel's handlers, which do not use it.
+// User data of a read channel's handlers, which do not use it: the messenger
+// keeps the channel, and with it this record, also after "disconnect" and
+// perhaps after the state.
 struct ReadChannelContext {
   PluginState* state;
   int32_t id;
@@ -136,10 +138,10 @@ struct SideBandEvent {
 
 // What one probe of a device came to.
 struct ProbeOutcome {
-  bool ok = false;
-  int32_t value = 0;       // the reading in dBm; 0 unless ok
-  bool transient = false;  // a failure that is not counted
-  std::string error;       // empty when ok
+  bool ok;
+  int32_t value;      // the reading in dBm; 0 unless ok
+  bool transient;     // a failure that is not counted
+  std::string error;  // empty when ok
 };
 
 }  // namespace
@@ -192,37 +194,37 @@ void SendStateEvent(PluginState* state) {
   fl_event_channel_send(state->state_channel, event, nullptr, nullptr);
 }
 
-// Returns the client that a stream handler works on, or null.
-BluezClient* ClientOf(gpointer plugin) {
+// Returns the state that a stream handler works on, or null when there is no
+// client. The installed callables hold it plainly: they belong to the client,
+// which goes before the state does.
+PluginState* StateWithClient(gpointer plugin) {
   if (plugin == nullptr) return nullptr;
   PluginState* state = StateOf(plugin);
-  return state == nullptr ? nullptr : state->client.get();
+  return state != nullptr && state->client != nullptr ? state : nullptr;
 }
 
-// The installed callables hold the state plainly: they belong to the client,
-// which goes before the state does.
 FlMethodErrorResponse* OnDiscoveryListen(FlEventChannel*, FlValue*,
                                          gpointer user_data) {
-  if (BluezClient* client = ClientOf(user_data)) {
-    client->on_device =
-        [state = StateOf(user_data)](const DiscoveredDevice& device) {
-          SendDeviceEvent(state, device);
-        };
+  if (PluginState* state = StateWithClient(user_data)) {
+    state->client->on_device = [state](const DiscoveredDevice& device) {
+      SendDeviceEvent(state, device);
+    };
   }
   return nullptr;
 }
 
 FlMethodErrorResponse* OnDiscoveryCancel(FlEventChannel*, FlValue*,
                                          gpointer user_data) {
-  if (BluezClient* client = ClientOf(user_data)) client->on_device = nullptr;
+  if (PluginState* state = StateWithClient(user_data)) {
+    state->client->on_device = nullptr;
+  }
   return nullptr;
 }
 
 FlMethodErrorResponse* OnStateListen(FlEventChannel*, FlValue*,
                                      gpointer user_data) {
-  if (BluezClient* client = ClientOf(user_data)) {
-    PluginState* state = StateOf(user_data);
-    client->on_state_changed = [state] { SendStateEvent(state); };
+  if (PluginState* state = StateWithClient(user_data)) {
+    state->client->on_state_changed = [state] { SendStateEvent(state); };
     SendStateEvent(state);
   }
   return nullptr;
@@ -230,8 +232,8 @@ FlMethodErrorResponse* OnStateListen(FlEventChannel*, FlValue*,
 
 FlMethodErrorResponse* OnStateCancel(FlEventChannel*, FlValue*,
                                      gpointer user_data) {
-  if (BluezClient* client = ClientOf(user_data)) {
-    client->on_state_changed = nullptr;
+  if (PluginState* state = StateWithClient(user_data)) {
+    state->client->on_state_changed = nullptr;
   }
   return nullptr;
 }
@@ -246,11 +248,12 @@ FlMethodErrorResponse* OnDebugCancel(FlEventChannel*, FlValue*, gpointer) {
 
 // -- Side-band session -------------------------------------------------------
 
+ProbeOutcome ProbeSuccess(int32_t value = 0) {
+  return {true, value, false, ""};
+}
+
 ProbeOutcome ProbeFailure(std::string error, bool transient = false) {
-  ProbeOutcome outcome;
-  outcome.transient = transient;
-  outcome.error = std::move(error);
-  return outcome;
+  return {false, 0, transient, std::move(error)};
 }
 
 ProbeOutcome ConnectFailure(int error) {
@@ -304,8 +307,6 @@ bool SendAll(int fd, std::string_view bytes) {
 // Connects `fd` within kConnectTimeout and leaves it blocking. The outcome is
 // ok without a value.
 ProbeOutcome ConnectProbe(int fd, const sockaddr_rc& remote) {
-  ProbeOutcome connected;
-  connected.ok = true;
   const int flags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) <
@@ -321,7 +322,7 @@ ProbeOutcome ConnectProbe(int fd, const sockaddr_rc& remote) {
     if (error != 0) return ConnectFailure(error);
   }
   fcntl(fd, F_SETFL, flags);
-  return connected;
+  return ProbeSuccess();
 }
 
 // Ends the plug-in's side and reads a little of what the device still sends.
@@ -355,9 +356,7 @@ ProbeOutcome RunProbeExchange(int fd, const std::string& secret,
     return ProbeFailure("rssi timeout");
   }
   HalfCloseAndDrain(fd);
-  ProbeOutcome answered;
-  answered.ok = true;
-  return answered;
+  return ProbeSuccess();
 }
 
 // Reads the integer that follows the key "rssi" and a colon in a reply.
@@ -382,28 +381,19 @@ ProbeOutcome ParseReading(const std::string& response) {
       value > INT32_MAX) {
     return ProbeFailure("rssi parse");
   }
-  ProbeOutcome reading;
-  reading.ok = true;
-  reading.value = static_cast<int32_t>(value);
-  return reading;
+  return ProbeSuccess(static_cast<int32_t>(value));
 }
 
 // Asks the device at `address` for its signal strength, on a connection of its
-// own. Prober thread; blocks for about seventeen seconds at most.
+// own. Prober thread; its waits add up to about seventeen seconds at most.
 ProbeOutcome ProbeDeviceRssi(const std::string& address,
                              const std::string& secret) {
   sockaddr_rc remote;
-  std::memset(&remote, 0, sizeof(remote));
-  remote.rc_family = AF_BLUETOOTH;
-  remote.rc_channel = kRfcommChannel;
-  if (str2ba(address.c_str(), &remote.rc_bdaddr) != 0) {
-    return ProbeFailure("bad address");
-  }
-  const int fd = socket(AF_BLUETOOTH, SOCK_STREAM, BTPROTO_RFCOMM);
+  if (!ParseRfcommAddress(address, &remote)) return ProbeFailure("bad address");
+  const int fd = OpenRfcommSocket();
   if (fd < 0) {
     return ProbeFailure(std::string("socket: ") + std::strerror(errno));
   }
-  fcntl(fd, F_SETFD, FD_CLOEXEC);
   std::string response;
   ProbeOutcome outcome = ConnectProbe(fd, remote);
   if (outcome.ok) outcome = RunProbeExchange(fd, secret, &response);
@@ -452,6 +442,7 @@ bool IsProbedName(std::string_view name) {
 }
 
 // Returns the address and name of each device to probe, in the daemon's order.
+// The name tells only a debugger why the device is there.
 std::vector<std::pair<std::string, std::string>> ProbeTargets(
     const PluginState& state) {
   std::vector<std::pair<std::string, std::string>> targets;
@@ -621,34 +612,35 @@ struct Call {
   bool ready;  // there is a client with an adapter
 };
 
-FlMethodResponse* Success(FlValue* result) {
+FlMethodResponse* SuccessResponse(FlValue* result) {
   return FL_METHOD_RESPONSE(fl_method_success_response_new(result));
 }
 
-FlMethodResponse* SuccessBool(bool result) {
+FlMethodResponse* BoolResponse(bool result) {
   g_autoptr(FlValue) value = fl_value_new_bool(result);
-  return Success(value);
+  return SuccessResponse(value);
 }
 
-FlMethodResponse* SuccessInt(int64_t result) {
+FlMethodResponse* IntResponse(int64_t result) {
   g_autoptr(FlValue) value = fl_value_new_int(result);
-  return Success(value);
+  return SuccessResponse(value);
 }
 
-FlMethodResponse* SuccessString(const gchar* result) {
+FlMethodResponse* StringResponse(const gchar* result) {
   g_autoptr(FlValue) value = fl_value_new_string(result);
-  return Success(value);
+  return SuccessResponse(value);
 }
 
-FlMethodResponse* SuccessDevices(const std::vector<DiscoveredDevice>& devices) {
+FlMethodResponse* DevicesResponse(
+    const std::vector<DiscoveredDevice>& devices) {
   g_autoptr(FlValue) list = fl_value_new_list();
   for (const DiscoveredDevice& device : devices) {
     fl_value_append_take(list, DeviceToFlValue(device));
   }
-  return Success(list);
+  return SuccessResponse(list);
 }
 
-FlMethodResponse* Error(const char* code, const char* message) {
+FlMethodResponse* ErrorResponse(const char* code, const char* message) {
   return FL_METHOD_RESPONSE(
       fl_method_error_response_new(code, message, nullptr));
 }
@@ -682,77 +674,78 @@ int32_t IdArgument(const Call& call) {
 }
 
 FlMethodResponse* IsAvailable(const Call& call) {
-  return SuccessBool(call.ready);
+  return BoolResponse(call.ready);
 }
 
 FlMethodResponse* IsEnabled(const Call& call) {
-  return SuccessBool(call.ready && call.state->client->powered());
+  return BoolResponse(call.ready && call.state->client->powered());
 }
 
 FlMethodResponse* GetState(const Call& call) {
-  return SuccessInt(call.ready && call.state->client->powered() ? kStateOn
-                                                                : kStateOff);
+  return IntResponse(call.ready && call.state->client->powered() ? kStateOn
+                                                                 : kStateOff);
 }
 
 FlMethodResponse* GetAddress(const Call& call) {
-  return SuccessString(
+  return StringResponse(
       call.ready ? call.state->client->adapter_address().c_str() : "");
 }
 
 FlMethodResponse* GetName(const Call& call) {
-  return SuccessString(call.ready ? call.state->client->adapter_name().c_str()
-                                  : "");
+  return StringResponse(call.ready ? call.state->client->adapter_name().c_str()
+                                   : "");
 }
 
 FlMethodResponse* IsDiscovering(const Call& call) {
-  return SuccessBool(call.ready && call.state->client->discovering());
+  return BoolResponse(call.ready && call.state->client->discovering());
 }
 
 FlMethodResponse* StartDiscovery(const Call& call) {
-  return SuccessBool(call.ready && call.state->client->StartDiscovery());
+  return BoolResponse(call.ready && call.state->client->StartDiscovery());
 }
 
 FlMethodResponse* CancelDiscovery(const Call& call) {
-  return SuccessBool(call.ready && call.state->client->StopDiscovery());
+  return BoolResponse(call.ready && call.state->client->StopDiscovery());
 }
 
 FlMethodResponse* GetDiscoveredDevices(const Call& call) {
-  return SuccessDevices(call.ready ? call.state->client->GetKnownDevices()
-                                   : std::vector<DiscoveredDevice>());
+  return DevicesResponse(call.ready ? call.state->client->GetKnownDevices()
+                                    : std::vector<DiscoveredDevice>());
 }
 
 FlMethodResponse* GetBondedDevices(const Call& call) {
-  return SuccessDevices(call.ready ? call.state->client->GetBondedDevices()
-                                   : std::vector<DiscoveredDevice>());
+  return DevicesResponse(call.ready ? call.state->client->GetBondedDevices()
+                                    : std::vector<DiscoveredDevice>());
 }
 
 FlMethodResponse* GetBondState(const Call& call) {
   const gchar* address = StringArgument(call, "address");
-  return SuccessInt(call.ready && address != nullptr
-                        ? call.state->client->GetBondState(address)
-                        : kStateOff);
+  return IntResponse(call.ready && address != nullptr
+                         ? call.state->client->GetBondState(address)
+                         : kStateOff);
 }
 
 FlMethodResponse* BondDevice(const Call& call) {
   const gchar* address = StringArgument(call, "address");
-  return SuccessBool(call.ready && address != nullptr &&
-                     call.state->client->PairDevice(address));
+  return BoolResponse(call.ready && address != nullptr &&
+                      call.state->client->PairDevice(address));
 }
 
 FlMethodResponse* RemoveDeviceBond(const Call& call) {
   const gchar* address = StringArgument(call, "address");
-  return SuccessBool(call.ready && address != nullptr &&
-                     call.state->client->RemoveDevice(address));
+  return BoolResponse(call.ready && address != nullptr &&
+                      call.state->client->RemoveDevice(address));
 }
 
 FlMethodResponse* Connect(const Call& call) {
   const gchar* address = StringArgument(call, "address");
   if (address == nullptr || !call.ready) {
-    return Error(kInvalidArgument, "BT not initialized or address missing");
+    return ErrorResponse(kInvalidArgument,
+                         "BT not initialized or address missing");
   }
   auto connection = std::make_unique<RfcommConnection>();
   if (!connection->Connect(address)) {
-    return Error(kConnectionFailed, "RFCOMM connect failed");
+    return ErrorResponse(kConnectionFailed, "RFCOMM connect failed");
   }
 
   PluginState* state = call.state;
@@ -768,31 +761,32 @@ FlMethodResponse* Connect(const Call& call) {
   state->connections.emplace(
       id, PluginState::ConnectionEntry{std::move(connection), read_channel,
                                        address});
-  return SuccessInt(id);
+  return IntResponse(id);
 }
 
 FlMethodResponse* SetAuthSecret(const Call& call) {
   const gchar* secret = StringArgument(call, "secret");
-  if (secret == nullptr) return Error(kInvalidArgument, "secret missing");
+  if (secret == nullptr)
+    return ErrorResponse(kInvalidArgument, "secret missing");
   {
     const std::lock_guard<std::mutex> lock(call.state->secret_mutex);
     call.state->auth_secret = secret;
   }
   EnsureRssiProberStarted(call.state);
-  return Success(nullptr);
+  return SuccessResponse(nullptr);
 }
 
 FlMethodResponse* Disconnect(const Call& call) {
   const int32_t id = IdArgument(call);
-  if (id < 0) return SuccessBool(false);
+  if (id < 0) return BoolResponse(false);
   PluginState* state = call.state;
   const std::lock_guard<std::mutex> lock(state->connections_mutex);
   const auto found = state->connections.find(id);
-  if (found == state->connections.end()) return SuccessBool(false);
+  if (found == state->connections.end()) return BoolResponse(false);
   found->second.connection->Close();
   g_clear_object(&found->second.read_channel);
   state->connections.erase(found);
-  return SuccessBool(true);
+  return BoolResponse(true);
 }
 
 FlMethodResponse* Write(const Call& call) {
@@ -800,25 +794,25 @@ FlMethodResponse* Write(const Call& call) {
   FlValue* bytes = Argument(call, "bytes");
   if (bytes == nullptr ||
       fl_value_get_type(bytes) != FL_VALUE_TYPE_UINT8_LIST) {
-    return SuccessBool(false);
+    return BoolResponse(false);
   }
   const size_t count = fl_value_get_length(bytes);
-  if (id < 0 || count == 0) return SuccessBool(false);
+  if (id < 0 || count == 0) return BoolResponse(false);
   const std::lock_guard<std::mutex> lock(call.state->connections_mutex);
   const auto found = call.state->connections.find(id);
-  return SuccessBool(
+  return BoolResponse(
       found != call.state->connections.end() &&
       found->second.connection->Write(fl_value_get_uint8_list(bytes), count));
 }
 
 // Methods that this platform does not offer.
-FlMethodResponse* Unsupported(const Call&) { return SuccessBool(false); }
+FlMethodResponse* Unsupported(const Call&) { return BoolResponse(false); }
 
 FlMethodResponse* GetPlatformVersion(const Call&) {
   utsname system = {};
   uname(&system);
   g_autofree gchar* version = g_strdup_printf("Linux %s", system.version);
-  return SuccessString(version);
+  return StringResponse(version);
 }
 
 struct Method {
@@ -858,20 +852,23 @@ constexpr Method kMethods[] = {
     {"getPlatformVersion", GetPlatformVersion},
 };
 
+const Method* FindMethod(const gchar* name) {
+  for (const Method& method : kMethods) {
+    if (g_strcmp0(name, method.name) == 0) return &method;
+  }
+  return nullptr;
+}
+
 // Handles every call on the method channel and answers it before it returns. A
 // plug-in that was disposed implements nothing.
 void LumsoHandleMethod(FlMethodChannel*, FlMethodCall* method_call,
                        gpointer user_data) {
   PluginState* state = StateOf(user_data);
-  const gchar* name = fl_method_call_get_name(method_call);
-  const auto* method = std::end(kMethods);
-  if (state != nullptr) {
-    method = std::find_if(
-        std::begin(kMethods), std::end(kMethods),
-        [name](const Method& row) { return g_strcmp0(name, row.name) == 0; });
-  }
+  const Method* method = state == nullptr
+                             ? nullptr
+                             : FindMethod(fl_method_call_get_name(method_call));
   g_autoptr(FlMethodResponse) response = nullptr;
-  if (method != std::end(kMethods)) {
+  if (method != nullptr) {
     const bool ready =
         state->client != nullptr && state->client->adapter_path() != nullptr;
     response =

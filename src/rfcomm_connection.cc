@@ -1,7 +1,5 @@
 #include "rfcomm_connection.h"
 
-#include <bluetooth/bluetooth.h>
-#include <bluetooth/rfcomm.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -13,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 namespace lumso_bluetooth {
@@ -27,21 +26,30 @@ constexpr size_t kMaxWriteSize = 4096;
 
 }  // namespace
 
+bool ParseRfcommAddress(const std::string& address, sockaddr_rc* remote) {
+  static_assert(sizeof(*remote) == 10, "the kernel's struct sockaddr_rc");
+  std::memset(remote, 0, sizeof(*remote));
+  remote->rc_family = AF_BLUETOOTH;
+  remote->rc_channel = kRfcommChannel;
+  return str2ba(address.c_str(), &remote->rc_bdaddr) == 0;
+}
+
+int OpenRfcommSocket() {
+  const int fd = socket(AF_BLUETOOTH, SOCK_STREAM, BTPROTO_RFCOMM);
+  if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+  return fd;
+}
+
 RfcommConnection::~RfcommConnection() { Close(); }
 
 bool RfcommConnection::Connect(const std::string& address) {
   sockaddr_rc remote;
-  static_assert(sizeof(remote) == 10, "the kernel's struct sockaddr_rc");
-  std::memset(&remote, 0, sizeof(remote));
-  remote.rc_family = AF_BLUETOOTH;
-  remote.rc_channel = kRfcommChannel;
-  if (str2ba(address.c_str(), &remote.rc_bdaddr) != 0) {
+  if (!ParseRfcommAddress(address, &remote)) {
     std::fprintf(stderr, "lumso_bluetooth: bad BT address '%s'\n",
                  address.c_str());
     return false;
   }
-
-  const int fd = socket(AF_BLUETOOTH, SOCK_STREAM, BTPROTO_RFCOMM);
+  const int fd = OpenRfcommSocket();
   const int wake_fd = fd < 0 ? -1 : eventfd(0, EFD_CLOEXEC);
   if (wake_fd < 0) {
     std::fprintf(stderr, "lumso_bluetooth: socket() failed: %s\n",
@@ -49,8 +57,6 @@ bool RfcommConnection::Connect(const std::string& address) {
     if (fd >= 0) close(fd);
     return false;
   }
-  fcntl(fd, F_SETFD, FD_CLOEXEC);
-
   if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) <
       0) {
     std::fprintf(stderr, "lumso_bluetooth: RFCOMM connect to %s failed: %s\n",

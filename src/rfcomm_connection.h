@@ -1,6 +1,9 @@
 #ifndef LUMSO_BLUETOOTH_SRC_RFCOMM_CONNECTION_H_
 #define LUMSO_BLUETOOTH_SRC_RFCOMM_CONNECTION_H_
 
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/rfcomm.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +13,15 @@
 #include <thread>
 
 namespace lumso_bluetooth {
+
+// Fills in the kernel's socket address of RFCOMM channel 1 of `address` (six
+// two-digit hexadecimal fields joined by colons, as str2ba() of libbluetooth
+// takes them). Returns false when it is not an address. Any thread.
+bool ParseRfcommAddress(const std::string& address, sockaddr_rc* remote);
+
+// Returns a new RFCOMM stream socket, close-on-exec and owned by the caller, or
+// -1 with errno set. Any thread.
+int OpenRfcommSocket();
 
 // One outgoing RFCOMM stream to channel 1 of a remote device, made fresh for
 // each attempt to connect.
@@ -35,8 +47,8 @@ class RfcommConnection {
   // Does what Close() does.
   ~RfcommConnection();
 
-  // Connects to channel 1 of `address` (six two-digit hexadecimal fields joined
-  // by colons, as str2ba() of libbluetooth takes them). Blocks as long as the
+  // Connects to channel 1 of `address` (as ParseRfcommAddress() takes it).
+  // Blocks as long as the
   // kernel tries: at once when the peer refuses, about 30 s when it stays
   // silent. Returns whether the stream is open.
   bool Connect(const std::string& address);
@@ -48,8 +60,8 @@ class RfcommConnection {
 
   // Writes `count` bytes and returns whether the socket took them all. Blocks
   // while the peer does not take them; what was sent before a failure stays
-  // sent. Silent and false when closed. A vanished peer may raise SIGPIPE,
-  // which is the host process's to ignore.
+  // sent. Silent and false when closed. Does not suppress SIGPIPE,
+  // whose disposition is the host's; kernel RFCOMM sockets raise none.
   bool Write(const uint8_t* data, size_t count);
 
   // Ends the stream, waits for the reader's end call and closes the socket.
