@@ -253,8 +253,7 @@ void in_process_messenger_deliver(InProcessMessenger* messenger,
     answer(nullptr);
     return;
   }
-  // A copy, since the handler may replace itself.
-  const Handler handler = found->second;
+  const Handler& handler = found->second;
   g_autoptr(GBytes) bytes =
       message == nullptr ? g_bytes_new(nullptr, 0) : g_bytes_ref(message);
   g_autoptr(FlBinaryMessengerResponseHandle) handle =

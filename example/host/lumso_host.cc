@@ -2,6 +2,7 @@
 // its own, runs the GLib main loop, takes commands on standard input and prints
 // one JSON object per line on standard output.
 
+#include <fcntl.h>
 #include <glib-unix.h>
 #include <unistd.h>
 
@@ -59,6 +60,14 @@ gboolean QuitLoop(gpointer loop) {
   return G_SOURCE_CONTINUE;
 }
 
+// Opens the null device in place of closed standard streams, before anything
+// else opens a descriptor and becomes one of them.
+void OpenStandardStreams() {
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = dup(fd);
+  if (fd >= 0) close(fd);
+}
+
 int RunHost(lumso_host::RegisterFunction register_plugin) {
   g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
   bool output_failed = false;
@@ -100,6 +109,7 @@ int RunHost(lumso_host::RegisterFunction register_plugin) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  OpenStandardStreams();
   Options options;
   if (!ParseOptions(argc, argv, &options)) return kStatusCannotStart;
   if (options.help) {
