@@ -218,7 +218,7 @@ static void fl_standard_method_codec_class_init(
       object_class, kPropMessageCodec,
       g_param_spec_object(
           "message-codec", "message-codec", "Message codec to use",
-          fl_message_codec_get_type(),
+          fl_standard_message_codec_get_type(),
           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_CONSTRUCT_ONLY |
                                    G_PARAM_STATIC_STRINGS)));
 

@@ -1,7 +1,7 @@
 // What the channels call on a method codec; not exported, as in the SDK.
 
-#ifndef FL_METHOD_CODEC_PRIVATE_H_
-#define FL_METHOD_CODEC_PRIVATE_H_
+#ifndef LUMSO_BLUETOOTH_EMBEDDING_FL_METHOD_CODEC_PRIVATE_H_
+#define LUMSO_BLUETOOTH_EMBEDDING_FL_METHOD_CODEC_PRIVATE_H_
 
 #include <flutter_linux/flutter_linux.h>
 
@@ -33,4 +33,4 @@ gboolean fl_method_codec_encode_response(FlMethodCodec* codec,
                                          FlMethodResponse* response,
                                          GBytes** message, GError** error);
 
-#endif  // FL_METHOD_CODEC_PRIVATE_H_
+#endif  // LUMSO_BLUETOOTH_EMBEDDING_FL_METHOD_CODEC_PRIVATE_H_
