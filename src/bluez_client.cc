@@ -109,16 +109,34 @@ void ReadInt16(GVariant* value, int32_t* field) {
   }
 }
 
+GVariantPtr Child(GVariant* container, gsize index) {
+  return GVariantPtr(g_variant_get_child_value(container, index));
+}
+
+// Calls visit(entry) for each child of `container`, in order, until it returns
+// false. Returns false when a visit ended the walk. The walks below read
+// entries child by child: a format string would be checked anew for every
+// entry, which costs more than all the rest of a walk.
+template <typename Visitor>
+bool ForEachChild(GVariant* container, Visitor visit) {
+  const gsize count = g_variant_n_children(container);
+  for (gsize i = 0; i < count; ++i) {
+    if (!visit(Child(container, i).get())) return false;
+  }
+  return true;
+}
+
 // Calls visit(key, value) for each entry of `properties` (a{sv}), in order.
 template <typename Visitor>
 void ForEachProperty(GVariant* properties, Visitor visit) {
-  GVariantIter entries;
-  g_variant_iter_init(&entries, properties);
-  const gchar* key;
-  GVariant* value;
-  while (g_variant_iter_next(&entries, "{&sv}", &key, &value)) {
-    visit(std::string_view(key), GVariantPtr(value).get());
-  }
+  ForEachChild(properties, [&visit](GVariant* entry) {
+    const GVariantPtr key = Child(entry, 0);
+    const GVariantPtr boxed = Child(entry, 1);
+    const GVariantPtr value(g_variant_get_variant(boxed.get()));
+    visit(std::string_view(g_variant_get_string(key.get(), nullptr)),
+          value.get());
+    return true;
+  });
 }
 
 // Calls visit(properties) for each interface called `name` among `interfaces`
@@ -127,15 +145,11 @@ void ForEachProperty(GVariant* properties, Visitor visit) {
 template <typename Visitor>
 bool ForEachInterface(GVariant* interfaces, std::string_view name,
                       Visitor visit) {
-  GVariantIter entries;
-  g_variant_iter_init(&entries, interfaces);
-  const gchar* key;
-  GVariant* properties;
-  while (g_variant_iter_next(&entries, "{&s@a{sv}}", &key, &properties)) {
-    const GVariantPtr owner(properties);
-    if (key == name && !visit(properties)) return false;
-  }
-  return true;
+  return ForEachChild(interfaces, [name, &visit](GVariant* entry) {
+    const GVariantPtr key = Child(entry, 0);
+    if (g_variant_get_string(key.get(), nullptr) != name) return true;
+    return visit(Child(entry, 1).get());
+  });
 }
 
 // Calls visit(path, properties) for each interface called `name` in a reply of
@@ -143,19 +157,13 @@ bool ForEachInterface(GVariant* interfaces, std::string_view name,
 template <typename Visitor>
 void ForEachManagedInterface(GVariant* reply, std::string_view name,
                              Visitor visit) {
-  const GVariantPtr objects(g_variant_get_child_value(reply, 0));
-  GVariantIter entries;
-  g_variant_iter_init(&entries, objects.get());
-  const gchar* path;
-  GVariant* interfaces;
-  while (g_variant_iter_next(&entries, "{&o@a{sa{sv}}}", &path, &interfaces)) {
-    const GVariantPtr owner(interfaces);
-    if (!ForEachInterface(interfaces, name, [&](GVariant* properties) {
-          return visit(path, properties);
-        })) {
-      return;
-    }
-  }
+  ForEachChild(Child(reply, 0).get(), [name, &visit](GVariant* entry) {
+    const GVariantPtr path = Child(entry, 0);
+    return ForEachInterface(
+        Child(entry, 1).get(), name, [&](GVariant* properties) {
+          return visit(g_variant_get_string(path.get(), nullptr), properties);
+        });
+  });
 }
 
 }  // namespace
@@ -247,7 +255,7 @@ void BluezClient::RefreshAdapterProperties() {
       CallSync({adapter_path_, kPropertiesInterface, "GetAll",
                 g_variant_new("(s)", kAdapterInterface), kPropertiesType});
   if (reply == nullptr) return;
-  const GVariantPtr properties(g_variant_get_child_value(reply.get(), 0));
+  const GVariantPtr properties = Child(reply.get(), 0);
   ForEachProperty(properties.get(), [this](auto key, GVariant* value) {
     if (key == "Powered") ReadBoolean(value, &powered_);
     if (key == "Discovering") ReadBoolean(value, &discovering_);
@@ -318,7 +326,7 @@ void BluezClient::OnPropertiesChanged(GDBusConnection*, const gchar*,
         {path, kPropertiesInterface, "GetAll",
          g_variant_new("(s)", kDeviceInterface), kPropertiesType});
     if (reply == nullptr) return;
-    const GVariantPtr properties(g_variant_get_child_value(reply.get(), 0));
+    const GVariantPtr properties = Child(reply.get(), 0);
     const DiscoveredDevice device = ParseDevice(path, properties.get());
     if (self->on_device) self->on_device(device);
   }
@@ -365,12 +373,10 @@ DiscoveredDevice BluezClient::ParseDevice(const std::string& path,
       ReadBoolean(value, &device.connected);
     } else if (key == "UUIDs" &&
                g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY)) {
-      GVariantIter uuids;
-      device.uuids.reserve(g_variant_iter_init(&uuids, value));
-      const gchar* uuid;
-      while (g_variant_iter_next(&uuids, "&s", &uuid)) {
-        device.uuids.emplace_back(uuid);
-      }
+      ForEachChild(value, [&device](GVariant* uuid) {
+        device.uuids.emplace_back(g_variant_get_string(uuid, nullptr));
+        return true;
+      });
     }
   });
   return device;
