@@ -1,0 +1,246 @@
+"""Child programs that speak lines, shown as they speak.
+
+Every line of every program goes to standard output with a sign in front:
+"> " what a program is told, "< " what lumso_host says, "! " what it writes to
+standard error, "~ " what the peer or another helper says.
+"""
+
+import json
+import re
+import subprocess
+import sys
+import threading
+import time
+
+LONGEST_LINE = 400
+
+_print_lock = threading.Lock()
+
+
+def _shorten_bytes(match):
+    digits = match.group(1)
+    return f'"{digits[:48]}… {len(digits) // 2} bytes"'
+
+
+def show(text):
+    """Prints a line; long byte lists are shown by their beginning and size."""
+    text = re.sub(r'"([0-9a-f]{97,})"', _shorten_bytes, text)
+    if len(text) > LONGEST_LINE:
+        text = f"{text[:LONGEST_LINE]}… ({len(text)} characters)"
+    with _print_lock:
+        print(text, flush=True)
+
+
+class Failure(Exception):
+    """A step did not go as it must; the text says what was missing."""
+
+
+class Program:
+    """Keeps every line that a child writes and lets others wait for one."""
+
+    def __init__(self, command, sign):
+        self.sign = sign
+        self.lines = []
+        self.errors = []
+        self.ended = False
+        self.changed = threading.Condition()
+        self.process = subprocess.Popen(
+            command,
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            encoding="utf-8",
+            errors="replace",
+        )
+        self.readers = [
+            threading.Thread(target=self._read, args=source, daemon=True)
+            for source in (
+                (self.process.stdout, self.lines, sign),
+                (self.process.stderr, self.errors, "!"),
+            )
+        ]
+        for reader in self.readers:
+            reader.start()
+
+    def _read(self, stream, lines, sign):
+        for line in stream:
+            line = line.rstrip("\n")
+            if line and (lines is self.errors or self.shows(line)):
+                show(f"  {sign} {line}")
+            with self.changed:
+                lines.append(self.parse(line) if lines is self.lines else line)
+                self.changed.notify_all()
+        if lines is self.lines:
+            with self.changed:
+                self.ended = True
+                self.changed.notify_all()
+
+    def parse(self, line):
+        return line
+
+    def shows(self, _line):
+        return True
+
+    def tell(self, line):
+        show(f"  > {line}")
+        try:
+            self.process.stdin.write(line + "\n")
+            self.process.stdin.flush()
+        except OSError as error:
+            raise Failure(f"{self.process.args[0]} is gone: {error}") from error
+
+    def wait(self, condition, seconds, what):
+        """Waits until `condition()` gives something true and returns that."""
+        deadline = time.monotonic() + seconds
+        with self.changed:
+            while not (found := condition()):
+                if self.ended:
+                    raise Failure(f"no {what}: {self.process.args[0]} ended")
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    raise Failure(f"no {what} within {seconds} s")
+                self.changed.wait(left)
+            return found
+
+    def end(self, seconds=10):
+        """Closes standard input and returns the exit status."""
+        try:
+            self.process.stdin.close()
+        except OSError:
+            pass
+        try:
+            status = self.process.wait(seconds)
+        except subprocess.TimeoutExpired as error:
+            raise Failure(f"{self.process.args[0]} did not end within {seconds} s") from error
+        for reader in self.readers:
+            reader.join(seconds)
+        return status
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+
+
+class JsonProgram(Program):
+    def parse(self, line):
+        try:
+            return json.loads(line)
+        except ValueError:
+            return {"unreadable": line}
+
+
+class Host(JsonProgram):
+    """lumso_host: the plug-in and its channels as lines.
+
+    An answer is any line that does not come from a channel. What a step waits
+    for on a channel counts from `mark`, which each request moves on unless the
+    step holds it.
+    """
+
+    def __init__(self, path):
+        super().__init__([path], "<")
+        self.mark = 0
+
+    def ask(self, line, key, seconds):
+        with self.changed:
+            self.mark = before = len(self.lines)
+        self.tell(line)
+
+        def answer():
+            return next((item for item in self.lines[before:] if "channel" not in item), None)
+
+        item = self.wait(answer, seconds, f"answer to '{line[:80]}'")
+        if key not in item:
+            raise Failure(f"'{line[:80]}' was answered with {item}")
+        return item[key]
+
+    def call(self, method, arguments=None, seconds=30):
+        words = ["call", method]
+        if arguments is not None:
+            words.append(json.dumps(arguments))
+        return self.ask(" ".join(words), "result", seconds)
+
+    def listen(self, channel):
+        return self.ask(f"listen {channel}", "result", 10)
+
+    def cancel(self, channel):
+        return self.ask(f"cancel {channel}", "result", 10)
+
+    def on_channel(self, channel, since):
+        return [item for item in self.lines[since:] if item.get("channel") == channel]
+
+    def event(self, channel, matches, seconds, what, since=None):
+        """Waits for an event of `channel` that `matches` and returns its value."""
+        start = self.mark if since is None else since
+
+        def find():
+            for item in self.on_channel(channel, start):
+                if "event" in item and matches(item["event"]):
+                    return item
+            return None
+
+        return self.wait(find, seconds, what)["event"]
+
+    def end_of_stream(self, channel, seconds, since):
+        self.wait(
+            lambda: any("endOfStream" in item for item in self.on_channel(channel, since)),
+            seconds,
+            f"end of stream on {channel}",
+        )
+
+    def received(self, channel, since):
+        """The bytes that came on a read channel."""
+        return b"".join(
+            bytes.fromhex(item["event"]["uint8"])
+            for item in self.on_channel(channel, since)
+            if "event" in item
+        )
+
+
+class Peer(JsonProgram):
+    """peer.py: the remote device."""
+
+    def __init__(self, script, address, secret, rssi):
+        command = [sys.executable, script, address, f"--secret={secret}", f"--rssi={rssi}"]
+        super().__init__(command, "~")
+        self.saw(lambda item: item.get("peer") == "listening", "peer that listens", 0)
+
+    def saw(self, matches, what, since, seconds=10):
+        return self.wait(
+            lambda: next((item for item in self.lines[since:] if matches(item)), None),
+            seconds,
+            what,
+        )
+
+    def mode(self, name):
+        since = len(self.lines)
+        self.tell(f"mode {name}")
+        self.saw(lambda item: item == {"peer": "mode", "mode": name}, "change of mode", since)
+
+    def accepted(self):
+        return sum(1 for item in self.lines if item.get("peer") == "accepted")
+
+
+class Rounds(Program):
+    """Counts the prober's rounds: each begins with one look at the daemon's
+    list of devices, which dbus-monitor sees on the bus."""
+
+    CALL = "member=GetManagedObjects"
+
+    def __init__(self, bus_name):
+        rule = f"type='method_call',sender='{bus_name}',member='GetManagedObjects'"
+        super().__init__(["dbus-monitor", "--system", rule], "~")
+        # NameLost is what a monitor hears last before it begins.
+        self.wait(
+            lambda: any("member=NameLost" in line for line in self.lines), 10, "bus monitor"
+        )
+
+    def shows(self, line):
+        return self.CALL in line
+
+    def count(self):
+        return sum(self.CALL in line for line in self.lines)
+
+    def wait_for_next(self, seconds):
+        before = self.count()
+        self.wait(lambda: self.count() > before, seconds, "next round of the prober")
