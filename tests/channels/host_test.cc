@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
-#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -517,8 +516,9 @@ TEST(HostInput, RefusesWhatIsNotJson) {
 TEST(HostStart, HelpExplainsEveryCommand) {
   const Outcome outcome = RunWith({"--help"});
   EXPECT_EQ(outcome.status, 0);
-  for (const char* command : {"--plugin", "call", "listen", "cancel", "sleep",
-                              "expect", "dispose", "quit", "uint8", "NaN"}) {
+  for (const char* command :
+       {"--plugin", "--json", "call", "listen", "cancel", "sleep", "expect",
+        "dispose", "help", "quit", "uint8", "NaN"}) {
     bool found = false;
     for (const std::string& line : outcome.lines) {
       found = found || line.find(command) != std::string::npos;
@@ -553,30 +553,31 @@ TEST(HostStart, RefusesAPluginThatCannotBeLoaded) {
   }
 }
 
-TEST(HostTerminal, ShowsAPromptAndEndsItsLine) {
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    execl(kHost, kHost, "--plugin", kPlugin, nullptr);
-    _exit(127);
-  }
-  ASSERT_EQ(write(terminal, "call echo\n\x04", 11), 11);
-  std::string text;
-  char buffer[1024];
-  // A terminal whose other side is gone reads as an error.
-  for (ssize_t count = 0;
-       (count = read(terminal, buffer, sizeof(buffer))) > 0;) {
-    text.append(buffer, static_cast<size_t>(count));
-  }
-  close(terminal);
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-  EXPECT_NE(text.find("lumso> "), std::string::npos) << text;
-  EXPECT_NE(text.find("{\"call\":\"echo\",\"result\":null}\r\nlumso> \r\n"),
-            std::string::npos)
-      << text;
+TEST(HostHelp, ExplainsAMethodOnOneLine) {
+  EXPECT_EQ(
+      RunOne("help disconnect"),
+      R"({"help":{"method":"disconnect","arguments":"id: int","result":"bool",)"
+      R"("description":"there was such a connection, and it is closed",)"
+      R"("neutral":"false","example":"call disconnect {\"id\":1}",)"
+      R"("exampleAnswer":{"call":"disconnect","result":true}}})");
+}
+
+TEST(HostHelp, ExplainsACommandOnOneLine) {
+  EXPECT_EQ(RunOne("help sleep"),
+            R"({"help":{"command":"sleep SECONDS","description":)"
+            R"("holds back the next command; prints nothing"}})");
+}
+
+TEST(HostHelp, ListsEverythingOnOneLine) {
+  const std::string line = RunOne("help");
+  EXPECT_EQ(line.rfind(R"({"help":{"commands":[{"command":"call )", 0), 0U);
+  EXPECT_NE(line.find(R"("methods":[{"method":"isAvailable",)"),
+            std::string::npos);
+}
+
+TEST(HostHelp, RefusesAnUnknownName) {
+  EXPECT_EQ(RunOne("help fly"),
+            R"({"error":"help: no such method or command: fly"})");
 }
 
 }  // namespace

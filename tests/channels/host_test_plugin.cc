@@ -3,7 +3,9 @@
 
 #include <errno.h>
 #include <flutter_linux/flutter_linux.h>
+#include <glib-unix.h>
 #include <math.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -46,6 +48,17 @@ void SendEvents(FlMethodCall* call) {
     fl_event_channel_send(event_channel, fl_value_get_list_value(events, i),
                           nullptr, nullptr);
   }
+}
+
+// Sends the events when the process gets SIGUSR1.
+void SendEventsOnSignal(FlMethodCall* call) {
+  g_unix_signal_add_full(
+      G_PRIORITY_DEFAULT, SIGUSR1,
+      [](gpointer data) -> gboolean {
+        SendEvents(FL_METHOD_CALL(data));
+        return G_SOURCE_REMOVE;
+      },
+      g_object_ref(call), g_object_unref);
 }
 
 void SendErrorEvent(FlMethodCall* call) {
@@ -135,6 +148,11 @@ const Method kMethods[] = {
     {"sendEventsLater",
      [](FlMethodCall* call) {
        RunLater(call, SendEvents);
+       Succeed(call, nullptr);
+     }},
+    {"sendEventsOnSignal",
+     [](FlMethodCall* call) {
+       SendEventsOnSignal(call);
        Succeed(call, nullptr);
      }},
     {"sendErrorLater",
