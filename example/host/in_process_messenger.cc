@@ -268,6 +268,15 @@ bool in_process_messenger_has_handler(InProcessMessenger* messenger,
   return messenger->state->handlers.count(channel) != 0;
 }
 
+std::vector<std::string> in_process_messenger_get_channels(
+    InProcessMessenger* messenger) {
+  std::vector<std::string> channels;
+  for (const auto& [channel, handler] : messenger->state->handlers) {
+    channels.push_back(channel);
+  }
+  return channels;
+}
+
 void in_process_messenger_close(InProcessMessenger* messenger) {
   // Closed first: inside the notifies the engine is already out of reach.
   MessengerState* state = messenger->state;

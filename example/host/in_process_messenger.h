@@ -15,6 +15,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 G_DECLARE_FINAL_TYPE(InProcessMessenger, in_process_messenger, IN_PROCESS,
                      MESSENGER, GObject)
@@ -48,6 +49,10 @@ void in_process_messenger_deliver(InProcessMessenger* messenger,
 // Tells whether `channel` has a handler.
 bool in_process_messenger_has_handler(InProcessMessenger* messenger,
                                       const std::string& channel);
+
+// Returns the channels that have a handler, in the order of their names.
+std::vector<std::string> in_process_messenger_get_channels(
+    InProcessMessenger* messenger);
 
 // Drops every handler, as an engine does at shutdown: each destroy notify runs.
 // Messages sent from then on go nowhere, answers to them are empty.

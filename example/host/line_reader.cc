@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <utility>
 
 namespace lumso_host {
@@ -14,8 +15,12 @@ constexpr size_t kReadSize = 65536;
 
 }  // namespace
 
-LineReader::LineReader(int fd, LineHandler on_line, EndHandler on_end)
-    : fd_(fd), on_line_(std::move(on_line)), on_end_(std::move(on_end)) {}
+LineReader::LineReader(int fd, std::string prompt, LineHandler on_line,
+                       EndHandler on_end)
+    : fd_(fd),
+      prompt_(std::move(prompt)),
+      on_line_(std::move(on_line)),
+      on_end_(std::move(on_end)) {}
 
 LineReader::~LineReader() {
   if (source_ != 0) g_source_remove(source_);
@@ -23,6 +28,8 @@ LineReader::~LineReader() {
 
 void LineReader::Resume() {
   if (source_ != 0) return;
+  prompt_shown_ = !prompt_.empty();
+  ShowPrompt();
   source_ = g_idle_add(
       [](gpointer self) -> gboolean {
         return static_cast<LineReader*>(self)->HandOut();
@@ -30,10 +37,21 @@ void LineReader::Resume() {
       this);
 }
 
+void LineReader::HidePrompt() {
+  if (prompt_shown_) std::fputc('\n', stdout);
+}
+
+void LineReader::ShowPrompt() {
+  if (!prompt_shown_) return;
+  std::fputs(prompt_.c_str(), stdout);
+  std::fflush(stdout);
+}
+
 bool LineReader::HandOut() {
   source_ = 0;
   std::string line;
   if (TakeLine(&line)) {
+    prompt_shown_ = false;
     on_line_(line);
   } else if (ended_) {
     on_end_();

@@ -5,30 +5,28 @@
 
 #include <glib.h>
 
-#include <functional>
 #include <string>
+
+#include "example/host/command_reader.h"
 
 namespace lumso_host {
 
-// Hands out one line per Resume(), so that commands run strictly one after
-// another, and reads no further than it must: what cannot be run yet waits in
-// the pipe. It shares the main loop fairly with the plug-in's idle callbacks,
-// even when many lines wait. For the platform thread.
-class LineReader {
+// Reads no further than it must: what cannot be run yet waits in the pipe. It
+// shares the main loop fairly with the plug-in's idle callbacks, even when many
+// lines wait. For the platform thread.
+class LineReader : public CommandReader {
  public:
-  // Gets a line without its line end.
-  using LineHandler = std::function<void(const std::string& line)>;
-  // Runs once, at the end of the input.
-  using EndHandler = std::function<void()>;
-
   // Borrows `fd` and leaves its flags alone: a terminal is shared with others.
-  LineReader(int fd, LineHandler on_line, EndHandler on_end);
-  ~LineReader();
-  LineReader(const LineReader&) = delete;
-  LineReader& operator=(const LineReader&) = delete;
+  // Where a person types, `prompt` is written whenever a line may be typed; it
+  // is empty for programs.
+  LineReader(int fd, std::string prompt, LineHandler on_line,
+             EndHandler on_end);
+  ~LineReader() override;
 
-  // Asks for the next line, or for the end.
-  void Resume();
+  void Resume() override;
+  // What is typed already stays on the screen, a line further up.
+  void HidePrompt() override;
+  void ShowPrompt() override;
 
  private:
   // Both run as main loop sources.
@@ -39,12 +37,14 @@ class LineReader {
   void WatchInput();
 
   const int fd_;
+  const std::string prompt_;
   const LineHandler on_line_;
   const EndHandler on_end_;
   std::string buffer_;
   size_t start_ = 0;    // Of the next line in buffer_.
   size_t scanned_ = 0;  // No line end before it.
   bool ended_ = false;
+  bool prompt_shown_ = false;
   guint source_ = 0;  // The one source under way; 0 when paused.
 };
 

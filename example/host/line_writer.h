@@ -5,36 +5,29 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace lumso_host {
 
-// Every line is flushed. Between a person and the program, that is when it is
-// made interactive, a prompt waits below the last line. For the platform
-// thread.
+// Every line is flushed. For the platform thread.
 class LineWriter {
  public:
   // `on_failure` runs once, when the output cannot be written any more.
-  LineWriter(bool interactive, std::function<void()> on_failure);
+  LineWriter(bool colours, std::function<void()> on_failure);
 
+  // Lines that begin with a brace must be JSON.
   void WriteLine(const std::string& line);
 
-  // Shows that a command may be typed. Does nothing for programs.
-  void ShowPrompt();
-
-  // Notes that a command was typed after the prompt, line end included.
-  void PromptAnswered() { prompt_shown_ = false; }
-
-  // Ends the line of a prompt that no command will answer.
-  void EndPrompt();
-
  private:
-  void Write(const std::string& text);
-
-  const bool interactive_;
+  const bool colours_;
   const std::function<void()> on_failure_;
-  bool prompt_shown_ = false;
   bool failed_ = false;
 };
+
+// Returns the JSON text with a terminal's colour sequences: keys, strings and
+// other values apart, and the keys of the object itself that say that something
+// went wrong in a colour of their own.
+std::string ColourJson(std::string_view json);
 
 }  // namespace lumso_host
 

@@ -1,6 +1,7 @@
 // lumso_host: a small embedder. It registers the plug-in once on a messenger of
 // its own, runs the GLib main loop, takes commands on standard input and prints
-// one JSON object per line on standard output.
+// one JSON object per line on standard output. A person at a terminal gets a
+// line to edit, help to read, and colours.
 
 #include <fcntl.h>
 #include <glib-unix.h>
@@ -8,12 +9,19 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <string>
 
+#include "example/host/command_reader.h"
+#include "example/host/help.h"
 #include "example/host/line_reader.h"
 #include "example/host/line_writer.h"
 #include "example/host/plugin_library.h"
 #include "example/host/session.h"
+#ifdef LUMSO_HAVE_LIBEDIT
+#include "example/host/line_editor.h"
+#endif
 
 namespace {
 
@@ -21,12 +29,13 @@ constexpr int kStatusExpectFailed = 1;
 constexpr int kStatusCannotStart = 2;
 
 constexpr char kUsage[] =
-    R"(Usage: lumso_host [--plugin FILE] [--help]
+    R"(Usage: lumso_host [--plugin FILE] [--json] [--help]
 
 Loads the plug-in library FILE, registers it and runs the commands that it reads
 on standard input. Without --plugin it takes liblumso_bluetooth_plugin.so beside
 the executable, or else wherever the loader finds it. Diagnostics go to standard
-error, and standard output carries the lines described below only.
+error, and standard output carries the lines described below only. --json keeps
+it so on a terminal too, where there is more for people.
 
 Exit status: 0 at the end of the input, after quit, SIGINT or SIGTERM; 1 after
 an expect that failed, or when standard output cannot be written; 2 for wrong
@@ -36,6 +45,7 @@ arguments or a plug-in that cannot be loaded.
 
 struct Options {
   bool help = false;
+  bool json = false;
   std::string plugin;
 };
 
@@ -44,6 +54,8 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     const std::string argument = argv[i];
     if (argument == "--help") {
       options->help = true;
+    } else if (argument == "--json") {
+      options->json = true;
     } else if (argument == "--plugin" && i + 1 < argc && *argv[i + 1] != '\0') {
       options->plugin = argv[++i];
     } else {
@@ -68,43 +80,95 @@ void OpenStandardStreams() {
   if (fd >= 0) close(fd);
 }
 
-int RunHost(lumso_host::RegisterFunction register_plugin) {
-  g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
-  bool output_failed = false;
-  const bool interactive =
-      isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
-  lumso_host::LineWriter writer(interactive, [&] {
-    output_failed = true;
-    g_main_loop_quit(loop);
-  });
-  const auto quit = [&] { g_main_loop_quit(loop); };
-  const auto print = [&](const std::string& line) { writer.WriteLine(line); };
+// What there is at the other end of the standard streams.
+struct Screen {
+  bool person = false;   // Types and reads on a terminal.
+  bool editing = false;  // The terminal can move its cursor.
+  bool colours = false;
+};
 
-  lumso_host::LineReader* next_commands = nullptr;
-  const auto finished = [&] {
-    writer.ShowPrompt();
-    next_commands->Resume();
-  };
-  lumso_host::Session session(register_plugin, {print, finished, quit});
-  lumso_host::LineReader reader(
-      STDIN_FILENO,
-      [&](const std::string& line) {
-        writer.PromptAnswered();
-        session.Execute(line);
-      },
-      quit);
-  next_commands = &reader;
-  finished();
-
-  const guint sigint = g_unix_signal_add(SIGINT, QuitLoop, loop);
-  const guint sigterm = g_unix_signal_add(SIGTERM, QuitLoop, loop);
-  g_main_loop_run(loop);
-  writer.EndPrompt();
-  g_source_remove(sigint);
-  g_source_remove(sigterm);
-  return output_failed || session.expectation_failed() ? kStatusExpectFailed
-                                                       : 0;
+Screen FindScreen(bool json) {
+  Screen screen;
+  screen.person =
+      !json && isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
+  const char* term = std::getenv("TERM");
+  const std::string terminal = term == nullptr ? "" : term;
+  screen.editing = screen.person && !terminal.empty() && terminal != "dumb";
+  const char* no_color = std::getenv("NO_COLOR");
+  screen.colours = screen.editing && (no_color == nullptr || *no_color == '\0');
+  return screen;
 }
+
+// Runs one plug-in until the input ends or something else asks for the end.
+class Host {
+ public:
+  Host(lumso_host::RegisterFunction register_plugin, const Screen& screen)
+      : loop_(g_main_loop_new(nullptr, FALSE)),
+        writer_(screen.colours, [this] { Fail(); }),
+        reader_(MakeReader(screen)),
+        session_(register_plugin,
+                 screen.person ? lumso_host::Session::Reader::kPerson
+                               : lumso_host::Session::Reader::kProgram,
+                 {[this](const std::string& line) { Print(line); },
+                  [this] { reader_->Resume(); }, [this] { Quit(); }}) {}
+  ~Host() { g_main_loop_unref(loop_); }
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  // Returns the exit status.
+  int Run() {
+    const guint sigint = g_unix_signal_add(SIGINT, QuitLoop, loop_);
+    const guint sigterm = g_unix_signal_add(SIGTERM, QuitLoop, loop_);
+    reader_->Resume();
+    g_main_loop_run(loop_);
+    reader_->HidePrompt();
+    std::fflush(stdout);
+    g_source_remove(sigint);
+    g_source_remove(sigterm);
+    return output_failed_ || session_.expectation_failed() ? kStatusExpectFailed
+                                                           : 0;
+  }
+
+ private:
+  std::unique_ptr<lumso_host::CommandReader> MakeReader(const Screen& screen) {
+    const auto execute = [this](const std::string& line) {
+      session_.Execute(line);
+    };
+    const auto quit = [this] { Quit(); };
+#ifdef LUMSO_HAVE_LIBEDIT
+    if (screen.editing) {
+      return std::make_unique<lumso_host::LineEditor>(
+          loop_,
+          [this](std::string_view text) {
+            return lumso_host::Complete(text, session_.EventChannels());
+          },
+          execute, quit);
+    }
+#endif
+    return std::make_unique<lumso_host::LineReader>(
+        STDIN_FILENO, screen.person ? lumso_host::kPrompt : "", execute, quit);
+  }
+
+  void Print(const std::string& line) {
+    reader_->HidePrompt();
+    writer_.WriteLine(line);
+    reader_->ShowPrompt();
+  }
+
+  void Quit() { g_main_loop_quit(loop_); }
+
+  void Fail() {
+    output_failed_ = true;
+    Quit();
+  }
+
+  GMainLoop* const loop_;  // Owned reference.
+  bool output_failed_ = false;
+  lumso_host::LineWriter writer_;
+  // Uses session_ from the main loop only.
+  const std::unique_ptr<lumso_host::CommandReader> reader_;
+  lumso_host::Session session_;
+};
 
 }  // namespace
 
@@ -113,7 +177,7 @@ int main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, &options)) return kStatusCannotStart;
   if (options.help) {
-    std::printf("%s%s", kUsage, lumso_host::kProtocolHelp);
+    std::printf("%s%s", kUsage, lumso_host::ProtocolHelp().c_str());
     return 0;
   }
   // Writing to a device that has vanished must be an error, not the end. That
@@ -128,5 +192,5 @@ int main(int argc, char** argv) {
                  error.c_str());
     return kStatusCannotStart;
   }
-  return RunHost(register_plugin);
+  return Host(register_plugin, FindScreen(options.json)).Run();
 }

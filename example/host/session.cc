@@ -6,51 +6,9 @@
 #include <system_error>
 #include <utility>
 
+#include "example/host/help.h"
+
 namespace lumso_host {
-
-const char kProtocolHelp[] =
-    R"(Commands, one per line; blank lines and lines beginning with # are skipped:
-  call METHOD [JSON]    calls METHOD on lumso_bluetooth/methods; without JSON the
-                        arguments are null
-  listen CHANNEL        starts the stream of an event channel
-  cancel CHANNEL        stops it
-  sleep SECONDS         holds back the next command; prints nothing
-  expect TEXT SECONDS   waits until a line that contains TEXT is printed; TEXT may
-                        contain spaces, the last word is SECONDS
-  dispose               drops every handler, as an engine does when it shuts down
-  quit                  ends, as the end of the input does
-
-Every line printed is one JSON object:
-  {"call":"METHOD","result":VALUE}
-  {"call":"METHOD","error":{"code":"...","message":"...","details":null}}
-  {"call":"METHOD","notImplemented":true}
-  {"listen":"CHANNEL","result":null}    or "error", "notImplemented" as above;
-                                        a channel that nobody serves gives the
-                                        latter; "cancel" likewise
-  {"channel":"CHANNEL","event":VALUE}   an event, whenever it comes
-  {"channel":"CHANNEL","error":{"code":"...","message":"...","details":null}}
-  {"channel":"CHANNEL","endOfStream":true}
-  {"expect":"TEXT","timeout":true}      TEXT did not come; the exit status will
-                                        be 1
-  {"dispose":true}
-  {"error":"what is wrong"}             a line that is no command, or a request
-                                        that the plug-in dropped unanswered
-
-Values: null, true, false, strings, arrays and objects are themselves. A number
-without point and exponent is an integer of 64 bits, any other a float; a float
-that is not finite prints as "NaN", "Infinity" or "-Infinity". A list of bytes
-is {"uint8":"68656c6c6f"}; other typed lists print as arrays. A map key that is
-not a string prints as its JSON text. An answer that cannot be decoded prints as
-an error with the code "malformed".
-
-Commands run strictly one after another. A call, listen or cancel lasts until it
-is answered; sleep and expect hold back the next command, never an event. expect
-counts the lines printed since the last call, listen or expect finished: a call
-and a listen finish with their own answer line, so that lines printed before it,
-and the answer line itself, do not count. An expect finishes with the line that
-it found; the lines after it count for the next one. The oldest lines are
-forgotten beyond 64 MiB of text.
-)";
 
 namespace {
 
@@ -111,18 +69,31 @@ void AddEnvelope(const Envelope& envelope, const char* value_key,
 
 }  // namespace
 
-struct Session::Command {
-  std::string_view name;
-  void (Session::*run)(std::string_view words);
-  bool takes_words;
-};
-
-const Session::Command Session::kCommands[] = {
-    {"call", &Session::Call, true},     {"listen", &Session::Listen, true},
-    {"cancel", &Session::Cancel, true}, {"sleep", &Session::Sleep, true},
-    {"expect", &Session::Expect, true}, {"dispose", &Session::Dispose, false},
-    {"quit", &Session::Quit, false},
-};
+const std::vector<Session::Command>& Session::Commands() {
+  static const std::vector<Command> commands = {
+      {"call", "METHOD [JSON]",
+       "calls METHOD on lumso_bluetooth/methods; without JSON the\n"
+       "arguments are null",
+       &Session::Call},
+      {"listen", "CHANNEL", "starts the stream of an event channel",
+       &Session::Listen},
+      {"cancel", "CHANNEL", "stops it", &Session::Cancel},
+      {"sleep", "SECONDS", "holds back the next command; prints nothing",
+       &Session::Sleep},
+      {"expect", "TEXT SECONDS",
+       "waits until a line that contains TEXT is printed; TEXT may\n"
+       "contain spaces, the last word is SECONDS",
+       &Session::Expect},
+      {"dispose", "",
+       "drops every handler, as an engine does when it shuts down",
+       &Session::Dispose},
+      {"help", "[NAME]",
+       "explains the method or command NAME, or lists them all",
+       &Session::Help},
+      {"quit", "", "ends, as the end of the input does", &Session::Quit},
+  };
+  return commands;
+}
 
 // A request on its way. The messenger keeps it until it is answered; when it is
 // let go unanswered, maybe on another thread, the session hears of it through
@@ -148,8 +119,10 @@ struct Session::Request {
   bool answered = false;
 };
 
-Session::Session(RegisterFunction register_plugin, Callbacks callbacks)
-    : callbacks_(std::move(callbacks)),
+Session::Session(RegisterFunction register_plugin, Reader reader,
+                 Callbacks callbacks)
+    : reader_(reader),
+      callbacks_(std::move(callbacks)),
       messenger_(in_process_messenger_new(
           [this](const std::string& channel, GBytes* message) {
             OnMessage(channel, message);
@@ -175,9 +148,9 @@ void Session::Execute(const std::string& line) {
     return Fail("the line is not UTF-8 text");
   }
   const std::string_view name = TakeWord(&words);
-  for (const Command& command : kCommands) {
+  for (const Command& command : Commands()) {
     if (command.name != name) continue;
-    if (!command.takes_words && !words.empty()) {
+    if (*command.words == '\0' && !words.empty()) {
       return Fail(std::string(name) + " takes no words");
     }
     return (this->*command.run)(words);
@@ -241,6 +214,27 @@ void Session::Dispose(std::string_view) {
   in_process_messenger_close(messenger_);
   Print({{"dispose", true}});
   Finish();
+}
+
+void Session::Help(std::string_view words) {
+  const Json help = HelpOn(words);
+  if (help.is_null()) {
+    return Fail("help: no such method or command: " + std::string(words));
+  }
+  if (reader_ == Reader::kProgram) {
+    Print({{"help", help}});
+  } else {
+    callbacks_.print(HelpText(help));
+  }
+  Finish();
+}
+
+std::vector<std::string> Session::EventChannels() const {
+  std::vector<std::string> channels =
+      in_process_messenger_get_channels(messenger_);
+  channels.erase(std::remove(channels.begin(), channels.end(), kMethodChannel),
+                 channels.end());
+  return channels;
 }
 
 void Session::Quit(std::string_view) { callbacks_.quit(); }

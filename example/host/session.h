@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "example/host/channel_codec.h"
 #include "example/host/in_process_messenger.h"
@@ -19,13 +20,20 @@
 
 namespace lumso_host {
 
-// Explains the commands and the lines that they print, for --help.
-extern const char kProtocolHelp[];
-
 // One plug-in instance on a messenger of its own, and the one command that is
 // under way on it. For the platform thread.
 class Session {
  public:
+  // Who reads what is printed. People get help as text, maybe several lines.
+  enum class Reader { kProgram, kPerson };
+
+  struct Command {
+    const char* name;
+    const char* words;        // That follow the name; empty for none.
+    const char* description;  // In lines that --help has room for.
+    void (Session::*run)(std::string_view words);
+  };
+
   struct Callbacks {
     // Gets each line to print, without its line end.
     std::function<void(const std::string& line)> print;
@@ -35,8 +43,10 @@ class Session {
     std::function<void()> quit;
   };
 
+  static const std::vector<Command>& Commands();
+
   // Registers the plug-in.
-  Session(RegisterFunction register_plugin, Callbacks callbacks);
+  Session(RegisterFunction register_plugin, Reader reader, Callbacks callbacks);
   // Disposes the plug-in.
   ~Session();
   Session(const Session&) = delete;
@@ -45,13 +55,14 @@ class Session {
   // Starts the command in `line`. Not to be called again before it finished.
   void Execute(const std::string& line);
 
+  // Returns the channels that can be listened to now.
+  std::vector<std::string> EventChannels() const;
+
   // Tells whether an "expect" has failed.
   bool expectation_failed() const { return expectation_failed_; }
 
  private:
-  struct Command;
   struct Request;
-  static const Command kCommands[];
 
   // The commands, each with the words after its name.
   void Call(std::string_view words);
@@ -60,6 +71,7 @@ class Session {
   void Sleep(std::string_view words);
   void Expect(std::string_view words);
   void Dispose(std::string_view words);
+  void Help(std::string_view words);
   void Quit(std::string_view words);
 
   void SendStreamRequest(const char* command, std::string_view channel);
@@ -80,6 +92,7 @@ class Session {
   void Finish();
   void Fail(const std::string& what);
 
+  const Reader reader_;
   const Callbacks callbacks_;
   InProcessMessenger* messenger_;  // Owned reference.
   // The request under way or the last one, as the command says it.

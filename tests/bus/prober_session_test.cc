@@ -297,6 +297,7 @@ TEST_F(ProbeExchange, SendsTheSecretAsItIs) {
   });
   EXPECT_EQ(host->Call("setAuthSecret", Secret(secret)), "null");
   EXPECT_TRUE(gate.WaitForSleeps(1));
+  air.JoinDevices();
   EXPECT_EQ(received, "auth=" + secret + "\r\n");
   EXPECT_EQ(TakeLog().size(), 1U);
 }
@@ -310,6 +311,7 @@ TEST_F(ProbeExchange, SendsALongSecretWhole) {
   });
   EXPECT_EQ(host->Call("setAuthSecret", Secret(secret)), "null");
   EXPECT_TRUE(gate.WaitForSleeps(1));
+  air.JoinDevices();
   EXPECT_TRUE(received == "auth=" + secret + "\r\n");
   EXPECT_EQ(TakeLog().size(), 1U);
 }
@@ -939,7 +941,6 @@ TEST_F(ProbeResources, AreBackAtTheStartAfterManyProbes) {
   ListDevice("nonsense", "VELKAN-1");
   const size_t threads = CountThreads() + 1;  // the prober
   RunCycle();
-  air.JoinDevices();
   const size_t descriptors = CountDescriptors();
   for (int cycle = 0; cycle < 12; ++cycle) {
     air.Script(refused, Call::kConnect, {Fail(ECONNREFUSED)});
@@ -947,7 +948,6 @@ TEST_F(ProbeResources, AreBackAtTheStartAfterManyProbes) {
     RunCycle();
   }
   EXPECT_GE(air.sockets(), 100);
-  air.JoinDevices();
   EXPECT_TRUE(Eventually([&] { return CountDescriptors() == descriptors; }));
   EXPECT_TRUE(Eventually([&] { return CountThreads() == threads; }));
   TakeLog();

@@ -124,6 +124,7 @@ class ProberFixture : public Base, protected GatedProber {
   }
   void EndCycle() {
     EXPECT_TRUE(gate.WaitForSleeps((cycles_ - 1) * kPauseSteps + 1));
+    air.JoinDevices();
     DispatchQueued();
   }
 

@@ -5,7 +5,6 @@
 
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <string>
 
@@ -106,11 +105,12 @@ TEST(MethodTable, HasEveryMethodOfTheLibraryOnce) {
   ASSERT_NE(start, std::string::npos);
   const std::string served =
       source.substr(start, source.find("};", start) - start);
-  const std::regex entry("\\{\"(\\w+)\",");
+  const std::string opening = "{\"";
   std::set<std::string> names;
-  for (std::sregex_iterator i(served.begin(), served.end(), entry), end;
-       i != end; ++i) {
-    names.insert((*i)[1]);
+  for (size_t at = served.find(opening); at != std::string::npos;
+       at = served.find(opening, at)) {
+    at += opening.size();
+    names.insert(served.substr(at, served.find('"', at) - at));
   }
   std::set<std::string> table;
   for (const MethodEntry& method : MethodTable()) {

@@ -7,7 +7,7 @@ constexpr char kBusName[] = "org.bluez";
 constexpr char kScriptInterface[] = "org.freedesktop.DBus.Mock";
 constexpr int kScriptTimeoutMs = 20000;
 
-// Returns a floating reference, for a message to take.
+// Returns a full reference.
 GVariant* Parse(const std::string& type, const std::string& text) {
   g_autoptr(GError) error = nullptr;
   g_autoptr(GVariantType) expected = g_variant_type_new(type.c_str());
@@ -38,10 +38,10 @@ GVariant* DaemonDouble::Script(const std::string& path, const char* method,
 void DaemonDouble::AddObject(const std::string& path,
                              const std::string& interface,
                              const std::string& properties) {
-  g_variant_unref(
-      Script("/", "AddObject",
-             g_variant_new("(ss@a{sv}a(ssss))", path.c_str(), interface.c_str(),
-                           Parse("a{sv}", properties), nullptr)));
+  g_autoptr(GVariant) values = Parse("a{sv}", properties);
+  g_variant_unref(Script("/", "AddObject",
+                         g_variant_new("(ss@a{sv}a(ssss))", path.c_str(),
+                                       interface.c_str(), values, nullptr)));
 }
 
 void DaemonDouble::AddAdapter(const std::string& path,
@@ -61,10 +61,10 @@ void DaemonDouble::AddDevice(const std::string& path,
 void DaemonDouble::SetProperties(const std::string& path,
                                  const std::string& interface,
                                  const std::string& properties) {
-  g_variant_unref(
-      Script("/", "ReplaceProperties",
-             g_variant_new("(os@a{sv})", path.c_str(), interface.c_str(),
-                           Parse("a{sv}", properties))));
+  g_autoptr(GVariant) values = Parse("a{sv}", properties);
+  g_variant_unref(Script(
+      "/", "ReplaceProperties",
+      g_variant_new("(os@a{sv})", path.c_str(), interface.c_str(), values)));
 }
 
 void DaemonDouble::RemoveObject(const std::string& path) {
@@ -75,7 +75,7 @@ void DaemonDouble::RemoveObject(const std::string& path) {
 void DaemonDouble::Emit(const std::string& path, const std::string& interface,
                         const std::string& signal, const std::string& type,
                         const std::string& body) {
-  g_autoptr(GVariant) tuple = g_variant_ref_sink(Parse(type, body));
+  g_autoptr(GVariant) tuple = Parse(type, body);
   GVariantBuilder arguments;
   g_variant_builder_init(&arguments, G_VARIANT_TYPE("av"));
   for (gsize i = 0; i < g_variant_n_children(tuple); i++) {

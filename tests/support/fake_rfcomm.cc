@@ -80,6 +80,7 @@ struct NextFunctions {
   int (*poll)(pollfd*, nfds_t, int);
   ssize_t (*read)(int, void*, size_t);
   ssize_t (*write)(int, const void*, size_t);
+  ssize_t (*send)(int, const void*, size_t, int);
   int (*shutdown)(int, int);
   int (*close)(int);
   int (*fcntl)(int, int, ...);
@@ -308,8 +309,8 @@ bool Peer::WaitFor(short events) {
 bool Peer::Send(std::string_view bytes) {
   while (!bytes.empty()) {
     if (!WaitFor(POLLOUT)) return false;
-    const ssize_t sent =
-        send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = Next(&next.send, "send")(
+        fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno != EAGAIN && errno != EINTR) return false;
     if (sent > 0) bytes.remove_prefix(static_cast<size_t>(sent));
   }

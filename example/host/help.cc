@@ -1,0 +1,238 @@
+#include "example/host/help.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "example/host/method_table.h"
+#include "example/host/session.h"
+
+namespace lumso_host {
+
+namespace {
+
+constexpr size_t kColumn = 22;
+
+constexpr char kCommandsTitle[] =
+    "Commands, one per line; blank lines and lines beginning with # are "
+    "skipped:\n";
+
+constexpr char kLines[] =
+    R"(
+Every line printed is one JSON object:
+  {"call":"METHOD","result":VALUE}
+  {"call":"METHOD","error":{"code":"...","message":"...","details":null}}
+  {"call":"METHOD","notImplemented":true}
+  {"listen":"CHANNEL","result":null}    or "error", "notImplemented" as above;
+                                        a channel that nobody serves gives the
+                                        latter; "cancel" likewise
+  {"channel":"CHANNEL","event":VALUE}   an event, whenever it comes
+  {"channel":"CHANNEL","error":{"code":"...","message":"...","details":null}}
+  {"channel":"CHANNEL","endOfStream":true}
+  {"expect":"TEXT","timeout":true}      TEXT did not come; the exit status will
+                                        be 1
+  {"dispose":true}
+  {"help":{...}}                        of a method: "method", "arguments",
+                                        "result", "description", "neutral" (the
+                                        answer when the method cannot do its
+                                        work), "example", "exampleAnswer"; of a
+                                        command: "command", "description"; of
+                                        all: the lists "commands", "methods"
+  {"error":"what is wrong"}             a line that is no command, or a request
+                                        that the plug-in dropped unanswered
+
+Values: null, true, false, strings, arrays and objects are themselves. A number
+without point and exponent is an integer of 64 bits, any other a float; a float
+that is not finite prints as "NaN", "Infinity" or "-Infinity". A list of bytes
+is {"uint8":"68656c6c6f"}; other typed lists print as arrays. A map key that is
+not a string prints as its JSON text. An answer that cannot be decoded prints as
+an error with the code "malformed".
+
+Commands run strictly one after another. A call, listen or cancel lasts until it
+is answered; sleep and expect hold back the next command, never an event. expect
+counts the lines printed since the last call, listen or expect finished: a call
+and a listen finish with their own answer line, so that lines printed before it,
+and the answer line itself, do not count. An expect finishes with the line that
+it found; the lines after it count for the next one. The oldest lines are
+forgotten beyond 64 MiB of text.
+
+On a terminal, that is when standard input and output both are one, a prompt
+waits for the commands, help prints text, and the lines have colours unless
+NO_COLOR is set; events appear above the line that is being typed. Tab completes
+commands, methods, a method's example arguments and channels; the arrow keys
+edit the line and bring back earlier ones, which are kept until the end only.
+Ctrl-C empties the line; on an empty line, and while a command runs, it ends the
+host. Ctrl-D on an empty line ends it as well. With TERM=dumb there is the bare
+prompt. --json leaves all of this out.
+)";
+
+// Pads `left` to the column and puts the lines of `right` beside it.
+std::string Row(const std::string& left, std::string_view right,
+                size_t column) {
+  std::string text = "  " + left;
+  std::istringstream lines{std::string(right)};
+  bool first = true;
+  for (std::string line; std::getline(lines, line); first = false) {
+    const size_t used = first ? left.size() : 0;
+    if (!first) text += "  ";
+    text += std::string(column > used ? column - used : 1, ' ') + line + "\n";
+  }
+  return text;
+}
+
+std::string Usage(const Session::Command& command) {
+  return *command.words == '\0'
+             ? command.name
+             : std::string(command.name) + " " + command.words;
+}
+
+std::string OneLine(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
+Json CommandHelp(const Session::Command& command) {
+  return {{"command", Usage(command)},
+          {"description", OneLine(command.description)}};
+}
+
+Json MethodHelp(const MethodEntry& method) {
+  return {{"method", method.name},
+          {"arguments", PlainText(method.arguments)},
+          {"result", PlainText(method.result)},
+          {"description", PlainText(method.description)},
+          {"neutral", PlainText(method.neutral)},
+          {"example", ExampleCall(method)},
+          {"exampleAnswer", Json::parse(ExampleAnswer(method))}};
+}
+
+std::string Answer(const Json& method) {
+  return method["result"].get<std::string>() + ": " +
+         method["description"].get<std::string>();
+}
+
+std::string MethodText(const Json& method) {
+  constexpr size_t kWidth = 16;
+  return method["method"].get<std::string>() + "\n" +
+         Row("arguments", method["arguments"].get<std::string>(), kWidth) +
+         Row("answer", Answer(method), kWidth) +
+         Row("neutral answer", method["neutral"].get<std::string>(), kWidth) +
+         Row("example",
+             method["example"].get<std::string>() + "\n" +
+                 JsonLine(method["exampleAnswer"]),
+             kWidth);
+}
+
+std::string ListText(const Json& help) {
+  constexpr size_t kWidth = 30;
+  std::string text = "Commands:\n";
+  for (const Json& command : help["commands"]) {
+    text += Row(command["command"], command["description"].get<std::string>(),
+                kColumn);
+  }
+  text += "Methods (help METHOD says more):\n";
+  for (const Json& method : help["methods"]) {
+    text += Row(method["method"], Answer(method), kWidth);
+  }
+  return text;
+}
+
+std::vector<std::string> MethodNames() {
+  std::vector<std::string> names;
+  for (const MethodEntry& method : MethodTable()) names.push_back(method.name);
+  return names;
+}
+
+// Returns the words that may follow `words`.
+std::vector<std::string> NextWords(const std::vector<std::string>& words,
+                                   const std::vector<std::string>& channels) {
+  std::vector<std::string> next;
+  if (words.size() == 1 && (words[0] == "call" || words[0] == "help")) {
+    next = MethodNames();
+  }
+  if (words.empty() || (words.size() == 1 && words[0] == "help")) {
+    for (const Session::Command& command : Session::Commands()) {
+      next.push_back(command.name);
+    }
+  }
+  if (words.size() == 1 && (words[0] == "listen" || words[0] == "cancel")) {
+    next = channels;
+  }
+  if (words.size() == 2 && words[0] == "call") {
+    const MethodEntry* method = FindMethodEntry(words[1]);
+    if (method != nullptr && *method->example_arguments != '\0') {
+      next.push_back(method->example_arguments);
+    }
+  }
+  return next;
+}
+
+}  // namespace
+
+std::string ProtocolHelp() {
+  std::string text = kCommandsTitle;
+  for (const Session::Command& command : Session::Commands()) {
+    text += Row(Usage(command), command.description, kColumn);
+  }
+  return text + kLines;
+}
+
+Json HelpOn(std::string_view name) {
+  const MethodEntry* method = FindMethodEntry(name);
+  if (method != nullptr) return MethodHelp(*method);
+  Json commands = Json::array();
+  for (const Session::Command& command : Session::Commands()) {
+    if (name == command.name) return CommandHelp(command);
+    commands.push_back(CommandHelp(command));
+  }
+  if (!name.empty()) return nullptr;
+  Json methods = Json::array();
+  for (const MethodEntry& entry : MethodTable()) {
+    methods.push_back(MethodHelp(entry));
+  }
+  return {{"commands", std::move(commands)}, {"methods", std::move(methods)}};
+}
+
+std::string HelpText(const Json& help) {
+  std::string text;
+  if (help.contains("method")) {
+    text = MethodText(help);
+  } else if (help.contains("command")) {
+    text = help["command"].get<std::string>() + "\n  " +
+           help["description"].get<std::string>() + "\n";
+  } else {
+    text = ListText(help);
+  }
+  text.pop_back();
+  return text;
+}
+
+Completion Complete(std::string_view text,
+                    const std::vector<std::string>& channels) {
+  std::vector<std::string> words;
+  std::istringstream stream{std::string(text)};
+  for (std::string word; stream >> word;) words.push_back(word);
+  std::string begun;
+  if (!text.empty() && text.back() != ' ' && text.back() != '\t') {
+    begun = words.back();
+    words.pop_back();
+  }
+
+  Completion completion;
+  std::vector<std::string>& choices = completion.choices;
+  for (const std::string& word : NextWords(words, channels)) {
+    if (word.compare(0, begun.size(), begun) == 0) choices.push_back(word);
+  }
+  if (choices.empty()) return completion;
+  std::string common = choices.front();
+  for (const std::string& word : choices) {
+    const auto end =
+        std::mismatch(common.begin(), common.end(), word.begin(), word.end());
+    common.erase(end.first, common.end());
+  }
+  completion.insertion = common.substr(begun.size());
+  if (choices.size() == 1) completion.insertion += " ";
+  if (!completion.insertion.empty()) choices.clear();
+  return completion;
+}
+
+}  // namespace lumso_host
