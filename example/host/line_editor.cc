@@ -81,7 +81,6 @@ void LineEditor::BindKeys() {
                            {L"^C", L"lumso-interrupt", OnInterrupt},
                            {L"^Z", L"lumso-suspend", OnSuspend}};
   for (const Key& key : kKeys) {
-    // libedit keeps the names; the narrow el_set() would leak copies.
     el_wset(editor_.get(), EL_ADDFN, key.function, key.function, key.run);
     el_wset(editor_.get(), EL_BIND, key.key, key.function, nullptr);
   }

@@ -177,6 +177,10 @@ class HostTerminal : public testing::Test {
     if (child_ == 0) {
       unsetenv("NO_COLOR");
       unsetenv("TERM");
+      setenv("LSAN_OPTIONS",
+             "suppressions='" LUMSO_SOURCE_DIR
+             "/tests/support/lsan.supp':print_suppressions=0",
+             1);
       for (const auto& [name, value] : environment) {
         setenv(name.c_str(), value.c_str(), 1);
       }

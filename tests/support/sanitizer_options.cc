@@ -14,7 +14,7 @@ __attribute__((visibility("default"))) const char* __ubsan_default_options() {
 }
 
 __attribute__((visibility("default"))) const char* __tsan_default_options() {
-  return "suppressions=" LUMSO_TSAN_SUPPRESSIONS;
+  return "suppressions='" LUMSO_TSAN_SUPPRESSIONS "'";
 }
 
 }  // extern "C"
