@@ -90,27 +90,36 @@ void LogFailure(const std::string& what, const GError* error) {
   Log(what + " failed: " + error->message);
 }
 
-// The three readers leave `field` alone when the value has another type.
-void ReadString(GVariant* value, std::string* field) {
-  if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
-    *field = g_variant_get_string(value, nullptr);
-  }
-}
-
-void ReadBoolean(GVariant* value, bool* field) {
-  if (g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
-    *field = g_variant_get_boolean(value);
-  }
-}
-
-void ReadInt16(GVariant* value, int32_t* field) {
-  if (g_variant_is_of_type(value, G_VARIANT_TYPE_INT16)) {
-    *field = g_variant_get_int16(value);
-  }
-}
-
 GVariantPtr Child(GVariant* container, gsize index) {
   return GVariantPtr(g_variant_get_child_value(container, index));
+}
+
+// The readers take an entry of an a{sv} and leave `field` alone when its value
+// has another type. Only they unbox a value: a record uses few of a device's
+// properties, and most of what a walk costs is the memory that it touches.
+GVariantPtr ValueOf(GVariant* entry) {
+  return GVariantPtr(g_variant_get_variant(Child(entry, 1).get()));
+}
+
+void ReadString(GVariant* entry, std::string* field) {
+  const GVariantPtr value = ValueOf(entry);
+  if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING)) {
+    *field = g_variant_get_string(value.get(), nullptr);
+  }
+}
+
+void ReadBoolean(GVariant* entry, bool* field) {
+  const GVariantPtr value = ValueOf(entry);
+  if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_BOOLEAN)) {
+    *field = g_variant_get_boolean(value.get());
+  }
+}
+
+void ReadInt16(GVariant* entry, int32_t* field) {
+  const GVariantPtr value = ValueOf(entry);
+  if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_INT16)) {
+    *field = g_variant_get_int16(value.get());
+  }
 }
 
 // Calls visit(entry) for each child of `container`, in order, until it returns
@@ -126,15 +135,22 @@ bool ForEachChild(GVariant* container, Visitor visit) {
   return true;
 }
 
-// Calls visit(key, value) for each entry of `properties` (a{sv}), in order.
+void ReadStrings(GVariant* entry, std::vector<std::string>* field) {
+  const GVariantPtr value = ValueOf(entry);
+  if (!g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING_ARRAY)) return;
+  field->reserve(g_variant_n_children(value.get()));
+  ForEachChild(value.get(), [field](GVariant* text) {
+    field->emplace_back(g_variant_get_string(text, nullptr));
+    return true;
+  });
+}
+
+// Calls visit(key, entry) for each entry of `properties` (a{sv}), in order.
 template <typename Visitor>
 void ForEachProperty(GVariant* properties, Visitor visit) {
   ForEachChild(properties, [&visit](GVariant* entry) {
     const GVariantPtr key = Child(entry, 0);
-    const GVariantPtr boxed = Child(entry, 1);
-    const GVariantPtr value(g_variant_get_variant(boxed.get()));
-    visit(std::string_view(g_variant_get_string(key.get(), nullptr)),
-          value.get());
+    visit(std::string_view(g_variant_get_string(key.get(), nullptr)), entry);
     return true;
   });
 }
@@ -238,11 +254,11 @@ bool BluezClient::ResolveAdapter() {
                           [this](const gchar* path, GVariant* properties) {
                             adapter_path_ = g_strdup(path);
                             ForEachProperty(
-                                properties, [this](auto key, GVariant* value) {
+                                properties, [this](auto key, GVariant* entry) {
                                   if (key == "Address")
-                                    ReadString(value, &adapter_address_);
+                                    ReadString(entry, &adapter_address_);
                                   if (key == "Name")
-                                    ReadString(value, &adapter_name_);
+                                    ReadString(entry, &adapter_name_);
                                 });
                             return false;  // the first adapter is taken
                           });
@@ -256,9 +272,9 @@ void BluezClient::RefreshAdapterProperties() {
                 g_variant_new("(s)", kAdapterInterface), kPropertiesType});
   if (reply == nullptr) return;
   const GVariantPtr properties = Child(reply.get(), 0);
-  ForEachProperty(properties.get(), [this](auto key, GVariant* value) {
-    if (key == "Powered") ReadBoolean(value, &powered_);
-    if (key == "Discovering") ReadBoolean(value, &discovering_);
+  ForEachProperty(properties.get(), [this](auto key, GVariant* entry) {
+    if (key == "Powered") ReadBoolean(entry, &powered_);
+    if (key == "Discovering") ReadBoolean(entry, &discovering_);
   });
 }
 
@@ -358,25 +374,21 @@ DiscoveredDevice BluezClient::ParseDevice(const std::string& path,
                                           GVariant* properties) {
   DiscoveredDevice device;
   device.path = path;
-  ForEachProperty(properties, [&device](auto key, GVariant* value) {
+  ForEachProperty(properties, [&device](auto key, GVariant* entry) {
     if (key == "Address") {
-      ReadString(value, &device.address);
+      ReadString(entry, &device.address);
     } else if (key == "Alias") {
-      ReadString(value, &device.name);
+      ReadString(entry, &device.name);
     } else if (key == "Name") {
-      if (device.name.empty()) ReadString(value, &device.name);
+      if (device.name.empty()) ReadString(entry, &device.name);
     } else if (key == "RSSI") {
-      ReadInt16(value, &device.rssi);
+      ReadInt16(entry, &device.rssi);
     } else if (key == "Paired") {
-      ReadBoolean(value, &device.paired);
+      ReadBoolean(entry, &device.paired);
     } else if (key == "Connected") {
-      ReadBoolean(value, &device.connected);
-    } else if (key == "UUIDs" &&
-               g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY)) {
-      ForEachChild(value, [&device](GVariant* uuid) {
-        device.uuids.emplace_back(g_variant_get_string(uuid, nullptr));
-        return true;
-      });
+      ReadBoolean(entry, &device.connected);
+    } else if (key == "UUIDs") {
+      ReadStrings(entry, &device.uuids);
     }
   });
   return device;
@@ -424,11 +436,12 @@ std::string BluezClient::FindDevicePath(const std::string& address) const {
 int BluezClient::GetBondState(const std::string& address) const {
   const std::string path = FindDevicePath(address);
   if (path.empty()) return kNotBonded;
-  bool paired = false;
-  if (const GVariantPtr value = GetDeviceProperty(path, "Paired")) {
-    ReadBoolean(value.get(), &paired);
-  }
-  return paired ? kBonded : kNotBonded;
+  const GVariantPtr paired = GetDeviceProperty(path, "Paired");
+  return paired != nullptr &&
+                 g_variant_is_of_type(paired.get(), G_VARIANT_TYPE_BOOLEAN) &&
+                 g_variant_get_boolean(paired.get())
+             ? kBonded
+             : kNotBonded;
 }
 
 bool BluezClient::PairDevice(const std::string& address) {

@@ -1,16 +1,18 @@
 #!/usr/bin/python3
 """Plays the remote device: listens on RFCOMM channel 1 of one adapter.
 
-    peer.py ADDRESS [--mode echo|sideband|silent] [--secret TEXT] [--rssi N]
+    peer.py ADDRESS [--mode echo|sideband|sink|silent] [--secret TEXT] [--rssi N]
 
 In mode "echo" every received byte goes back; in mode "sideband" it speaks the
-device's side of the RSSI exchange; in mode "silent" it accepts and says
-nothing. The mode counts for connections accepted from then on. Lines on
-standard input: "mode NAME", "close" (closes every open connection), "quit".
+device's side of the RSSI exchange; in mode "sink" it tells the hash of the first
+megabyte; in mode "silent" it accepts and says nothing. The mode counts for
+connections accepted from then on. Lines on standard input: "mode NAME", "close"
+(closes every open connection), "quit".
 Each thing that happens is reported as one JSON object per line.
 """
 
 import argparse
+import hashlib
 import json
 import os
 import selectors
@@ -20,6 +22,7 @@ import sys
 CHANNEL = 1
 # Well under the kernel's limit for one write call (about 22 kB).
 WRITE_SIZE = 4096
+SINK_SIZE = 1_000_000
 
 
 def report(what, **details):
@@ -64,6 +67,12 @@ class Connection:
         elif self.mode == "sideband":
             self.received += data
             self.answer()
+        elif self.mode == "sink":
+            self.received += data
+            if len(self.received) >= SINK_SIZE:
+                digest = hashlib.sha256(self.received).hexdigest()
+                report("sunk", received=len(self.received), sha256=digest)
+                self.received = b""
 
     def answer(self):
         while b"\r\n" in self.received:
@@ -148,7 +157,7 @@ class Peer:
                     key.data(events)
 
 
-MODES = ["echo", "sideband", "silent"]
+MODES = ["echo", "sideband", "sink", "silent"]
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()

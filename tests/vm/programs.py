@@ -146,13 +146,18 @@ class Host(JsonProgram):
             self.mark = before = len(self.lines)
         self.tell(line)
 
-        def answer():
-            return next((item for item in self.lines[before:] if "channel" not in item), None)
-
-        item = self.wait(answer, seconds, f"answer to '{line[:80]}'")
+        item = self.answer(before, seconds, f"answer to '{line[:80]}'")
         if key not in item:
             raise Failure(f"'{line[:80]}' was answered with {item}")
         return item[key]
+
+    def answer(self, since, seconds, what):
+        """Waits for the next answer, of whatever kind."""
+        return self.wait(
+            lambda: next((item for item in self.lines[since:] if "channel" not in item), None),
+            seconds,
+            what,
+        )
 
     def call(self, method, arguments=None, seconds=30):
         words = ["call", method]
@@ -221,14 +226,13 @@ class Peer(JsonProgram):
         return sum(1 for item in self.lines if item.get("peer") == "accepted")
 
 
-class Rounds(Program):
-    """Counts the prober's rounds: each begins with one look at the daemon's
-    list of devices, which dbus-monitor sees on the bus."""
+class BusCalls(Program):
+    """Counts the calls of one method from or to one name on the system bus,
+    with dbus-monitor."""
 
-    CALL = "member=GetManagedObjects"
-
-    def __init__(self, bus_name):
-        rule = f"type='method_call',sender='{bus_name}',member='GetManagedObjects'"
+    def __init__(self, side, bus_name, method):
+        self.method = f"member={method}"
+        rule = f"type='method_call',{side}='{bus_name}',member='{method}'"
         super().__init__(["dbus-monitor", "--system", rule], "~")
         # NameLost is what a monitor hears last before it begins.
         self.wait(
@@ -236,10 +240,18 @@ class Rounds(Program):
         )
 
     def shows(self, line):
-        return self.CALL in line
+        return self.method in line
 
     def count(self):
-        return sum(self.CALL in line for line in self.lines)
+        return sum(self.method in line for line in self.lines)
+
+
+class Rounds(BusCalls):
+    """Counts the prober's rounds: each begins with one look at the daemon's
+    list of devices."""
+
+    def __init__(self, bus_name):
+        super().__init__("sender", bus_name, "GetManagedObjects")
 
     def wait_for_next(self, seconds):
         before = self.count()

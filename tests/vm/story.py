@@ -103,14 +103,14 @@ class Story:
             self.host.event(STATE, lambda value: value == 12, 5, "state event 12")
         self.own_address = address
         if not self.here:
-            self.start_peer(adapters)
-
-    def start_peer(self, adapters):
-        with self.step("The other adapter plays the device"):
             ((self.peer_adapter, other),) = [
-                entry for entry in adapters.items() if entry[1]["Address"] != self.own_address
+                entry for entry in adapters.items() if entry[1]["Address"] != address
             ]
             self.device = other["Address"]
+            self.start_peer()
+
+    def start_peer(self):
+        with self.step("The other adapter plays the device"):
             self.bluez.set_adapter(self.peer_adapter, Alias=PEER_NAME)
             script = pathlib.Path(__file__).with_name("peer.py")
             self.peer = Peer(str(script), self.device, SECRET, READING)
@@ -333,9 +333,9 @@ def parse_arguments():
     return parser.parse_args()
 
 
-def main():
+def play(story):
+    """Runs a scenario, shows how it ended and returns the exit status."""
     began = time.monotonic()
-    story = Story(parse_arguments())
     try:
         story.run()
     except (Failure, OSError, LookupError, GLib.Error) as failure:
@@ -350,4 +350,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(play(Story(parse_arguments())))
