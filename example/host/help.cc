@@ -43,15 +43,17 @@ Every line printed is one JSON object:
 Values: null, true, false, strings, arrays and objects are themselves. A number
 without point and exponent is an integer of 64 bits, any other a float; a float
 that is not finite prints as "NaN", "Infinity" or "-Infinity". A list of bytes
-is {"uint8":"68656c6c6f"}; other typed lists print as arrays. A map key that is
-not a string prints as its JSON text. An answer that cannot be decoded prints as
+is {"uint8":"68656c6c6f"} (pairs of hexadecimal digits; anything else there is an
+ordinary object); other typed lists print as arrays. A map key that is not a
+string prints as its JSON text. An answer that cannot be decoded prints as
 an error with the code "malformed".
 
 Commands run strictly one after another. A call, listen or cancel lasts until it
 is answered; sleep and expect hold back the next command, never an event. expect
 counts the lines printed since the last call, listen or expect finished: a call
 and a listen finish with their own answer line, so that lines printed before it,
-and the answer line itself, do not count. An expect finishes with the line that
+and the answer line itself, do not count (the first event of the state channel
+is such a line). An expect finishes with the line that
 it found; the lines after it count for the next one. The oldest lines are
 forgotten beyond 64 MiB of text.
 

@@ -50,9 +50,10 @@ FLUTTER_PLUGIN_EXPORT GType lumso_bluetooth_plugin_get_type(void);
  * Creates one plug-in instance and its platform channels on the registrar's
  * messenger. Call it once per engine, on the platform thread (the thread of the
  * default GLib main context), as generated registrants do. It makes the
- * synchronous D-Bus calls that find the adapter. Without a system bus or BlueZ
- * daemon it writes the reason to standard error; with a daemon but no adapter
- * it is silent. In each case the channels still answer, with neutral values.
+ * synchronous D-Bus calls that find the adapter, a few milliseconds as a rule
+ * and at most 25 s each. Without a system bus or BlueZ daemon it writes the
+ * reason to standard error; with a daemon but no adapter it is silent. In each
+ * case the channels still answer, with neutral values.
  *
  * The instance lives as long as the messenger keeps the channels' handlers,
  * which is until the engine shuts down.
