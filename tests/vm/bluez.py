@@ -17,15 +17,21 @@ class Bluez:
         )
         return reply.unpack()
 
-    def adapters(self):
-        """Object path -> properties of every adapter; empty without a daemon."""
+    def objects(self):
+        """Object path -> interfaces of everything; empty without a daemon."""
         try:
             (objects,) = self.call(
                 "org.bluez", "/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects"
             )
         except GLib.Error:
             return {}
-        return {path: item[ADAPTER] for path, item in objects.items() if ADAPTER in item}
+        return objects
+
+    def adapters(self):
+        """Object path -> properties of every adapter; empty without a daemon."""
+        return {
+            path: item[ADAPTER] for path, item in self.objects().items() if ADAPTER in item
+        }
 
     def set_adapter(self, path, **properties):
         for name, value in properties.items():

@@ -188,9 +188,11 @@ class Story:
         self.host.listen(f"lumso_bluetooth/read/{connection}")
         return connection
 
+    def bytes_for(self, connection, data):
+        return {"id": connection, "bytes": {"uint8": data.hex()}}
+
     def write(self, connection, data):
-        arguments = {"id": connection, "bytes": {"uint8": data.hex()}}
-        self.expect("write", True, arguments, 60)
+        self.expect("write", True, self.bytes_for(connection, data), 60)
 
     def echo(self, connection, data):
         since = len(self.host.lines)
@@ -217,8 +219,7 @@ class Story:
                 since = len(self.host.lines)
                 self.peer.tell("close")
                 self.host.end_of_stream(f"lumso_bluetooth/read/{connection}", 10, since)
-                arguments = {"id": connection, "bytes": {"uint8": "00"}}
-                self.expect("write", False, arguments)
+                self.expect("write", False, self.bytes_for(connection, b"x"))
         else:
             with self.step("Text is written"):
                 self.write(connection, b"hello from lumso_host\r\n")
