@@ -1,0 +1,419 @@
+#!/usr/bin/python3
+"""Drives lumso_host through what goes wrong, on a real stack.
+
+Peers that refuse, are absent or vanish, a daemon that dies, an adapter that is
+switched off: each step states what the application and standard error get to
+see, and within which time. It ends with a table of the times that were
+measured. Meant for the virtual machine (see run).
+"""
+
+import argparse
+import contextlib
+import hashlib
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+from gi.repository import GLib
+
+from bluez import ADAPTER
+from peer import SINK_SIZE
+from programs import BusCalls, show
+from story import SECRET, STATE, Story, check, play, same
+
+ABSENT = "00:AA:01:7F:00:7F"
+LOG = "lumso_bluetooth: "
+SERVICE = "8b3f2c1e-5d0a-4f57-9c55-6f3d0e1b7a42"
+SERVICE_CHANNEL = 9
+TRY_PAUSE = 0.02  # seconds between two tries to connect
+# The kernel's lists of L2CAP channels and of RFCOMM sockets.
+L2CAP_CHANNELS = pathlib.Path("/sys/kernel/debug/bluetooth/l2cap")
+RFCOMM_SOCKETS = pathlib.Path("/sys/kernel/debug/bluetooth/rfcomm")
+RFCOMM_PSM = "3"
+BLUETOOTHD = "/usr/libexec/bluetooth/bluetoothd"
+
+
+class Trouble(Story):
+    def __init__(self, options):
+        options.here = None
+        super().__init__(options)
+        self.figures = []
+        self.opened = 0
+        self.own_adapter = None
+        self.daemon = None
+        self.stopped = False
+
+    # Measuring.
+
+    @contextlib.contextmanager
+    def measured(self, text, limit):
+        """Notes how long the block took, which must be `limit` seconds at most."""
+        began = time.monotonic()
+        yield
+        self.figure(text, time.monotonic() - began, limit)
+
+    def figure(self, text, seconds, limit):
+        shown = f"{seconds * 1000:.0f} ms" if seconds < 1 else f"{seconds:.1f} s"
+        show(f"  = {text}: {shown}")
+        check(seconds <= limit, f"{text} took {shown}, not at most {limit} s")
+        self.figures.append((text, shown))
+
+    # What several steps do.
+
+    def log_line(self, since, *texts):
+        """Waits for one of the plug-in's lines on standard error."""
+        self.host.wait(
+            lambda: any(LOG + text in self.host.errors[since:] for text in texts),
+            5,
+            f"line '{LOG}{texts[0]}'",
+        )
+
+    def is_waiting(self):
+        """Whether the host sleeps in the kernel's wait for a connection."""
+        place = pathlib.Path(f"/proc/{self.host.process.pid}/wchan").read_text()
+        return place == "bt_sock_wait_state"
+
+    def answered_late(self, address, text, reason):
+        """A connect that fails as soon as the controllers answer.
+
+        The emulator is held until connect() waits: it answers in less time than
+        any radio, the kernel would miss the wake-up and look 30 s later.
+        """
+        errors = len(self.host.errors)
+        lines = len(self.host.lines)
+        self.vanish()
+        self.host.tell(f'call connect {{"address": "{address}"}}')
+        self.wait_until(self.is_waiting, 1, "wait for the connection")
+        self.come_back()
+        with self.measured(text, 2):
+            answer = self.host.answer(lines, 5, "answer to connect")
+        self.check_failed(answer.get("error", {}), address, errors, reason)
+
+    def check_failed(self, error, address, since, *reasons):
+        wanted = {"code": "ECONN", "message": "RFCOMM connect failed"}
+        check(error.items() >= wanted.items(), f"the error is {error}")
+        start = f"RFCOMM connect to {address} failed: "
+        self.log_line(since, *(start + reason for reason in reasons))
+
+    def connect_fails(self, address, limit, text, *reasons):
+        since = len(self.host.errors)
+        line = f'call connect {{"address": "{address}"}}'
+        with self.measured(text, limit):
+            error = self.host.ask(line, "error", limit + 5)
+        self.check_failed(error, address, since, *reasons)
+
+    def open(self):
+        connection = self.connect(self.opened + 1)
+        self.opened = connection
+        return connection
+
+    def shut(self, connection):
+        self.expect("disconnect", True, {"id": connection})
+
+    def reopen(self, seconds):
+        """Connects as soon as that works; returns the id and the failed tries."""
+        line = f'call connect {{"address": "{self.device}"}}'
+        deadline = time.monotonic() + seconds
+        tries = 0
+        while True:
+            before = len(self.host.lines)
+            self.host.tell(line)
+            answer = self.host.answer(before, 60, "answer to connect")
+            if "result" in answer:
+                break
+            tries += 1
+            check(time.monotonic() < deadline, f"no connection within {seconds} s")
+            time.sleep(TRY_PAUSE)
+        self.opened += 1
+        connection = answer["result"]
+        check(same(connection, self.opened), f"the id is {connection!r}")
+        self.host.listen(f"lumso_bluetooth/read/{connection}")
+        return connection, tries
+
+    def end_of(self, connection, since, seconds):
+        self.host.end_of_stream(f"lumso_bluetooth/read/{connection}", seconds, since)
+
+    def has_session(self):
+        """Whether the kernel still has RFCOMM running between the two adapters."""
+        for line in L2CAP_CHANNELS.read_text().lower().splitlines():
+            _source, _, destination, _, _state, psm, *_ = line.split()
+            if destination == self.device.lower() and psm == RFCOMM_PSM:
+                return True
+        return False
+
+    def has_socket(self):
+        """Whether a socket is connected, or connects, to the device."""
+        lines = RFCOMM_SOCKETS.read_text().lower().splitlines()
+        return any(line.split()[1] == self.device.lower() for line in lines)
+
+    def knows_device(self):
+        return any(
+            item["address"] == self.device for item in self.host.call("getDiscoveredDevices")
+        )
+
+    def vanish(self):
+        show("  ~ the controllers are stopped")
+        os.kill(int(os.environ["BTVIRT_PID"]), signal.SIGSTOP)
+        self.stopped = True
+
+    def come_back(self):
+        show("  ~ the controllers go on")
+        os.kill(int(os.environ["BTVIRT_PID"]), signal.SIGCONT)
+        self.stopped = False
+
+    # The parts, in the order of run().
+
+    def start_peer(self):
+        with self.step("Nobody listens on the device's channel: refused"):
+            self.answered_late(self.device, "connect, refused", "Connection refused")
+        with self.step("Nobody has the address: host is down"):
+            self.answered_late(ABSENT, "connect, absent address", "Host is down")
+        super().start_peer()
+        self.own_adapter = next(
+            path
+            for path, item in self.bluez.adapters().items()
+            if item["Address"] == self.own_address
+        )
+
+    def reconnect(self):
+        with self.step("A connect right after a disconnect"):
+            connection = self.open()
+            most = (0, 0.0)
+            for _ in range(5):
+                self.shut(connection)
+                began = time.monotonic()
+                connection, tries = self.reopen(40)
+                most = max(most, (tries, time.monotonic() - began))
+            self.figure(f"disconnect to connected again ({most[0]} refused tries)", most[1], 40)
+            self.echo(connection, b"connected again")
+            self.shut(connection)
+
+    def bulk(self):
+        with self.step("A megabyte in one write arrives whole"):
+            self.peer.mode("sink")
+            connection, _ = self.reopen(40)
+            data = os.urandom(SINK_SIZE)
+            since = len(self.peer.lines)
+            with self.measured("write of 1 MB, until the device has it", 20):
+                with self.measured("write of 1 MB, until it is answered", 20):
+                    self.write(connection, data)
+                sunk = self.peer.saw(lambda item: item.get("peer") == "sunk", "megabyte", since, 20)
+            check(sunk["received"] == SINK_SIZE, f"{sunk['received']} bytes arrived")
+            digest = hashlib.sha256(data).hexdigest()
+            check(sunk["sha256"] == digest, "what arrived differs from what was sent")
+            self.shut(connection)
+            self.peer.mode("echo")
+
+    def pair_from_device(self):
+        with self.step("Both sides forget the bond that connecting made"):
+            self.expect("getBondState", 12, {"address": self.device})
+            self.expect("removeDeviceBond", True, {"address": self.device})
+            self.bluez.forget(self.peer_adapter, self.own_address)
+            self.expect("getBondState", 10, {"address": self.device})
+        with self.step("The device pairs with this adapter, and nobody has to do anything"):
+            adapter = ("org.bluez", self.peer_adapter, ADAPTER)
+            own = f"{self.peer_adapter}/dev_{self.own_address.replace(':', '_')}"
+            self.bluez.call(*adapter, "StartDiscovery")
+            listed = "this adapter in the device's list"
+            self.wait_until(lambda: own in self.bluez.objects(), 30, listed)
+            self.bluez.call(*adapter, "StopDiscovery")
+            with self.measured("pairing begun by the device", 10):
+                self.bluez.call("org.bluez", own, "org.bluez.Device1", "Pair")
+            self.expect("getBondState", 12, {"address": self.device})
+            connection, _ = self.reopen(40)
+            self.echo(connection, b"bonded")
+            self.shut(connection)
+
+    def authorize(self):
+        with self.step("A service that needs authorization: the plug-in's agent gives it"):
+            connection, _ = self.reopen(40)
+            check(self.has_session(), "no session in the kernel's list")
+            name = self.bluez.name_of_process(self.host.process.pid)
+            asked = BusCalls("destination", name, "AuthorizeService")
+            options = {
+                "Name": GLib.Variant("s", "trouble"),
+                "Role": GLib.Variant("s", "server"),
+                "Channel": GLib.Variant("q", SERVICE_CHANNEL),
+                "RequireAuthentication": GLib.Variant("b", False),
+                "RequireAuthorization": GLib.Variant("b", True),
+            }
+            profile = GLib.Variant("(osa{sv})", ("/trouble/profile", SERVICE, options))
+            manager = ("org.bluez", "/org/bluez", "org.bluez.ProfileManager1")
+            self.bluez.call(*manager, "RegisterProfile", profile)
+            with socket.socket(
+                socket.AF_BLUETOOTH, socket.SOCK_STREAM, socket.BTPROTO_RFCOMM
+            ) as client:
+                client.settimeout(10)
+                client.bind((self.device, 0))
+                # It is accepted only when the agent has answered.
+                with self.measured("authorized connection from the device", 10):
+                    client.connect((self.own_address, SERVICE_CHANNEL))
+                asked.wait(lambda: asked.count() == 1, 5, "question to the agent")
+            profile = GLib.Variant("(o)", ("/trouble/profile",))
+            self.bluez.call(*manager, "UnregisterProfile", profile)
+            asked.kill()
+            self.shut(connection)
+
+    def restart_daemon(self):
+        with self.step("The daemon is killed: an open connection goes on"):
+            connection, _ = self.reopen(40)
+            check(self.knows_device(), "the device is not in the list")
+            errors = len(self.host.errors)
+            os.kill(int(os.environ["BLUETOOTHD_PID"]), signal.SIGKILL)
+            self.wait_until(lambda: not self.bluez.adapters(), 10, "end of the daemon")
+            self.echo(connection, b"without a daemon")
+        with self.step("Without a daemon every answer is the neutral one, and quick"):
+            with self.measured("getDiscoveredDevices without a daemon", 2):
+                self.expect("getDiscoveredDevices", [])
+            self.expect("getBondState", 10, {"address": self.device})
+            self.expect("bondDevice", False, {"address": self.device})
+            self.log_line(errors, f"pair: device not known yet ({self.device})")
+        with self.step("The daemon is started again: it is asked and answers"):
+            log = open("/run/lumso-vm/bluetoothd-again.log", "wb")
+            with log, self.measured("start of the daemon until the device is listed", 30):
+                self.daemon = subprocess.Popen([BLUETOOTHD, "-n"], stdout=log, stderr=log)
+                self.wait_until(self.knows_device, 30, f"{self.device} in the list")
+            self.bluez.ready_adapters(2)
+            self.expect("getBondState", 12, {"address": self.device})
+            self.echo(connection, b"with a new daemon")
+            self.shut(connection)
+            said = self.host.errors[errors:]
+            check(len(said) == 1, f"standard error says {said}")
+
+    def switch_off(self):
+        with self.step("The adapter is switched off: state 10, and the stream ends"):
+            connection, _ = self.reopen(40)
+            since = len(self.host.lines)
+            errors = len(self.host.errors)
+            began = time.monotonic()
+            self.bluez.set_adapter(self.own_adapter, Powered=False)
+            self.host.event(STATE, lambda value: value == 10, 10, "state event 10", since)
+            self.figure("switched off, until the state event", time.monotonic() - began, 5)
+            self.end_of(connection, since, 10)
+            self.figure("switched off, until the end of stream", time.monotonic() - began, 5)
+            self.log_line(errors, "RFCOMM read error: Connection reset by peer")
+            self.expect("isOn", False)
+            self.expect("write", False, self.bytes_for(connection, b"x"))
+            self.shut(connection)
+        with self.step("A connect meanwhile fails at once"):
+            self.connect_fails(self.device, 2, "connect, adapter off", "No route to host")
+        with self.step("Switched on again: state 12, and a connect works"):
+            since = len(self.host.lines)
+            with self.measured("switched on, until the state event", 10):
+                self.bluez.set_adapter(self.own_adapter, Powered=True)
+                self.host.event(STATE, lambda value: value == 12, 10, "state event 12", since)
+            connection, _ = self.reopen(40)
+            self.echo(connection, b"on again")
+            self.shut(connection)
+
+    def wait_until(self, condition, seconds, what):
+        deadline = time.monotonic() + seconds
+        while not condition():
+            check(time.monotonic() < deadline, f"no {what} within {seconds} s")
+            time.sleep(0.1)
+
+    def recover(self, text):
+        self.come_back()
+        with self.measured(text, 60):
+            connection, _ = self.reopen(60)
+            self.echo(connection, b"here again")
+        return connection
+
+    def disconnect_vanished(self):
+        with self.step("The device vanished: a disconnect answers at once, without a word"):
+            connection, _ = self.reopen(40)
+            errors = len(self.host.errors)
+            self.vanish()
+            with self.measured("disconnect from a vanished device", 0.05):
+                self.shut(connection)
+        with self.step("It is back: a connect works again"):
+            self.shut(self.recover("device back, until connected"))
+            said = [line for line in self.host.errors[errors:] if "connect to" not in line]
+            check(not said, f"standard error says {said}")
+
+    def connect_vanished(self):
+        with self.step("A connect to a vanished device fails when the kernel gives up"):
+            self.wait_until(lambda: not self.has_session(), 10, "end of the last session")
+            self.vanish()
+            # The channel's timer and the wait of connect() end at the same time.
+            reasons = ("Operation now in progress", "Connection timed out")
+            self.connect_fails(self.device, 45, "connect, vanished device", *reasons)
+        with self.step("It is back: a connect works again after that, too"):
+            self.shut(self.recover("device back after a connect, until connected"))
+
+    def write_vanished(self):
+        with self.step("A write to a vanished device fails when the kernel gives up"):
+            connection, _ = self.reopen(40)
+            errors = len(self.host.errors)
+            self.vanish()
+            with self.measured("write of 200 kB to a vanished device", 60):
+                self.expect("write", False, self.bytes_for(connection, os.urandom(200_000)), 70)
+            self.log_line(errors, "RFCOMM write error: Resource temporarily unavailable")
+            with self.measured("disconnect after that write", 0.05):
+                self.shut(connection)
+        with self.step("It is back: a connect works again after the write, too"):
+            self.shut(self.recover("device back after a write, until connected"))
+
+    def dispose_while_probing(self):
+        with self.step("A vanished device is probed: dispose waits for the end of the probe"):
+            check(self.knows_device(), "the device is not in the list")
+            self.wait_until(lambda: not self.has_session(), 10, "end of the last session")
+            self.wait_until(lambda: not self.has_socket(), 10, "end of the last socket")
+            self.vanish()
+            began = time.monotonic()
+            self.host.call("setAuthSecret", {"secret": SECRET})
+            self.wait_until(self.has_socket, 5, "socket of the prober")
+            with self.measured("dispose while a vanished device is probed", 7):
+                check(self.host.ask("dispose", "dispose", 10) is True, "dispose was not answered")
+            self.host.wait(self.probe_lines, 5, "line of the prober")
+            self.figure("probe of a vanished device", time.monotonic() - began, 7)
+            said = self.probe_lines()
+            check(said == [f"{self.device} fail 1/2: connect timeout"], f"it says {said}")
+            status = self.host.end()
+            check(status == 0, f"lumso_host ended with status {status}")
+
+    def slow_controllers(self):
+        """Lets the emulator run only when nothing else wants to.
+
+        It answers in less time than any radio, often before connect() has begun
+        to wait: of a failure the kernel then learns only 30 s later.
+        """
+        emulator = int(os.environ["BTVIRT_PID"])
+        os.sched_setscheduler(emulator, os.SCHED_IDLE, os.sched_param(0))
+
+    def run(self):
+        self.slow_controllers()
+        self.start()
+        self.reconnect()
+        self.bulk()
+        self.pair_from_device()
+        self.authorize()
+        self.restart_daemon()
+        self.switch_off()
+        self.disconnect_vanished()
+        self.connect_vanished()
+        self.write_vanished()
+        self.dispose_while_probing()
+
+    def close(self):
+        if self.stopped:
+            self.come_back()
+        super().close()
+        if self.figures:
+            show("\nMeasured:")
+        for text, shown in self.figures:
+            show(f"  {text:<58} {shown:>8}")
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[0])
+    parser.add_argument("--host", required=True, help="the program lumso_host")
+    return parser.parse_args()
+
+
+if __name__ == "__main__":
+    sys.exit(play(Trouble(parse_arguments())))
