@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -950,6 +951,9 @@ TEST_F(ProbeResources, AreBackAtTheStartAfterManyProbes) {
   EXPECT_GE(air.sockets(), 100);
   EXPECT_TRUE(Eventually([&] { return CountDescriptors() == descriptors; }));
   EXPECT_TRUE(Eventually([&] { return CountThreads() == threads; }));
+  std::printf("%d probes: descriptors %zu -> %zu, threads %zu -> %zu\n",
+              air.sockets(), descriptors, CountDescriptors(), threads,
+              CountThreads());
   TakeLog();
 }
 
