@@ -949,8 +949,8 @@ TEST_F(ProbeResources, AreBackAtTheStartAfterManyProbes) {
     RunCycle();
   }
   EXPECT_GE(air.sockets(), 100);
-  EXPECT_TRUE(Eventually([&] { return CountDescriptors() == descriptors; }));
-  EXPECT_TRUE(Eventually([&] { return CountThreads() == threads; }));
+  EXPECT_TRUE(Eventually([&] { return CountDescriptors() <= descriptors; }));
+  EXPECT_TRUE(Eventually([&] { return CountThreads() <= threads; }));
   std::printf("%d probes: descriptors %zu -> %zu, threads %zu -> %zu\n",
               air.sockets(), descriptors, CountDescriptors(), threads,
               CountThreads());
