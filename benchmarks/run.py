@@ -318,7 +318,7 @@ SHORT = (
     ("burst", 200, 100, "floor", "times", 1.13),
     # Two threads: what they cost depends on how often one has to wake the other
     # (2.7 to 3.2 times seen).
-    ("receive", 127, 10, "floor", "times", 4.0),
+    ("receive", 127, 10, "floor", "times", 3.5),
     ("write", 127, 10, "handler", "above", 2400),
     ("call", 0, 10, "floor", "above", 350),
     ("unknown-call", 0, 10, "floor", "above", 1500),

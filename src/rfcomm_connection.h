@@ -48,9 +48,8 @@ class RfcommConnection {
   ~RfcommConnection();
 
   // Connects to channel 1 of `address` (as ParseRfcommAddress() takes it).
-  // Blocks as long as the
-  // kernel tries: at once when the peer refuses, about 30 s when it stays
-  // silent. Returns whether the stream is open.
+  // Blocks as long as the kernel tries: at once when the peer refuses, about
+  // 30 s when it stays silent. Returns whether the stream is open.
   bool Connect(const std::string& address);
 
   // Starts the reader thread. Without an open socket it does nothing, and
@@ -60,8 +59,8 @@ class RfcommConnection {
 
   // Writes `count` bytes and returns whether the socket took them all. Blocks
   // while the peer does not take them; what was sent before a failure stays
-  // sent. Silent and false when closed. Does not suppress SIGPIPE,
-  // whose disposition is the host's; kernel RFCOMM sockets raise none.
+  // sent. Silent and false when closed. Does not suppress SIGPIPE, whose
+  // disposition is the host's; kernel RFCOMM sockets raise none.
   bool Write(const uint8_t* data, size_t count);
 
   // Ends the stream, waits for the reader's end call and closes the socket.
