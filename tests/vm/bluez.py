@@ -5,6 +5,7 @@ import time
 from gi.repository import Gio, GLib
 
 ADAPTER = "org.bluez.Adapter1"
+DEVICE = "org.bluez.Device1"
 
 
 class Bluez:
@@ -16,6 +17,10 @@ class Bluez:
             name, path, interface, method, arguments, None, Gio.DBusCallFlags.NONE, 10000, None
         )
         return reply.unpack()
+
+    def begin(self, name, path, interface, method):
+        """Makes a call without arguments whose answer nobody waits for."""
+        self.bus.call(name, path, interface, method, None, None, Gio.DBusCallFlags.NONE, -1, None)
 
     def objects(self):
         """Object path -> interfaces of everything; empty without a daemon."""

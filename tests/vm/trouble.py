@@ -20,7 +20,7 @@ import time
 
 from gi.repository import GLib
 
-from bluez import ADAPTER
+from bluez import ADAPTER, DEVICE
 from peer import SINK_SIZE
 from programs import BusCalls, show
 from story import SECRET, STATE, Story, check, play, same
@@ -208,6 +208,23 @@ class Trouble(Story):
             self.shut(connection)
             self.peer.mode("echo")
 
+    def own_entry(self):
+        """This adapter's path in the device's own list."""
+        return f"{self.peer_adapter}/dev_{self.own_address.replace(':', '_')}"
+
+    def find_back(self):
+        """Finds this adapter as a user of the device would."""
+        adapter = ("org.bluez", self.peer_adapter, ADAPTER)
+        self.bluez.call(*adapter, "StartDiscovery")
+        listed = "this adapter in the device's list"
+        self.wait_until(lambda: self.own_entry() in self.bluez.objects(), 30, listed)
+        self.bluez.call(*adapter, "StopDiscovery")
+
+    def questions(self, method):
+        """Watches what the daemon asks the plug-in's agent from now on."""
+        name = self.bluez.name_of_process(self.host.process.pid)
+        return BusCalls("destination", name, method)
+
     def pair_from_device(self):
         with self.step("Both sides forget the bond that connecting made"):
             self.expect("getBondState", 12, {"address": self.device})
@@ -215,14 +232,9 @@ class Trouble(Story):
             self.bluez.forget(self.peer_adapter, self.own_address)
             self.expect("getBondState", 10, {"address": self.device})
         with self.step("The device pairs with this adapter, and nobody has to do anything"):
-            adapter = ("org.bluez", self.peer_adapter, ADAPTER)
-            own = f"{self.peer_adapter}/dev_{self.own_address.replace(':', '_')}"
-            self.bluez.call(*adapter, "StartDiscovery")
-            listed = "this adapter in the device's list"
-            self.wait_until(lambda: own in self.bluez.objects(), 30, listed)
-            self.bluez.call(*adapter, "StopDiscovery")
+            self.find_back()
             with self.measured("pairing begun by the device", 10):
-                self.bluez.call("org.bluez", own, "org.bluez.Device1", "Pair")
+                self.bluez.call("org.bluez", self.own_entry(), DEVICE, "Pair")
             self.expect("getBondState", 12, {"address": self.device})
             connection, _ = self.reopen(40)
             self.echo(connection, b"bonded")
@@ -232,8 +244,7 @@ class Trouble(Story):
         with self.step("A service that needs authorization: the plug-in's agent gives it"):
             connection, _ = self.reopen(40)
             check(self.has_session(), "no session in the kernel's list")
-            name = self.bluez.name_of_process(self.host.process.pid)
-            asked = BusCalls("destination", name, "AuthorizeService")
+            asked = self.questions("AuthorizeService")
             options = {
                 "Name": GLib.Variant("s", "trouble"),
                 "Role": GLib.Variant("s", "server"),
@@ -257,6 +268,22 @@ class Trouble(Story):
             self.bluez.call(*manager, "UnregisterProfile", profile)
             asked.kill()
             self.shut(connection)
+
+    def pair_anew(self):
+        with self.step("The device forgot its bond and pairs anew: the agent allows it"):
+            self.bluez.forget(self.peer_adapter, self.own_address)
+            self.find_back()
+            asked = self.questions("RequestAuthorization")
+            # Not waited for: the emulator ends this authentication on the asked
+            # side only.
+            self.bluez.begin("org.bluez", self.own_entry(), DEVICE, "Pair")
+            asked.wait(lambda: asked.count() == 1, 10, "question to the agent")
+            asked.kill()
+            self.wait_until(self.is_bonded_there, 10, "bond on the device's side")
+            self.expect("getBondState", 12, {"address": self.device})
+
+    def is_bonded_there(self):
+        return self.bluez.objects()[self.own_entry()][DEVICE]["Bonded"]
 
     def restart_daemon(self):
         with self.step("The daemon is killed: an open connection goes on"):
@@ -392,6 +419,7 @@ class Trouble(Story):
         self.bulk()
         self.pair_from_device()
         self.authorize()
+        self.pair_anew()
         self.restart_daemon()
         self.switch_off()
         self.disconnect_vanished()
