@@ -1,37 +1,33 @@
-// Any values as what the daemon answers and signals, on a bus that is made
-// here. The first byte chooses which message carries the value; the rest is the
-// value, in GVariant's text format or else as its serialised bytes.
+// Any values as what the daemon answers and signals. The first byte chooses
+// which message carries the value; the rest is the value, in GVariant's text
+// format or else as its serialised bytes.
 
 #include <gio/gio.h>
 
-#include <cstring>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "src/bluez_client.h"
+#include "tests/fuzz/fake_bus.h"
 #include "tests/fuzz/fuzz.h"
 
 using lumso_bluetooth::BluezClient;
 using lumso_bluetooth::DiscoveredDevice;
 using lumso_bluetooth::GVariantPtr;
 using lumso_fuzz::Check;
+using lumso_fuzz::EmitSignal;
+using lumso_fuzz::HasReply;
+using lumso_fuzz::kDeviceAddress;
+using lumso_fuzz::kDeviceInterface;
+using lumso_fuzz::kDevicePath;
+using lumso_fuzz::ParseText;
+using lumso_fuzz::Reply;
+using lumso_fuzz::ResetBus;
+using lumso_fuzz::WatchesSignal;
 
 namespace {
-
-constexpr char kDevice[] = "org.bluez.Device1";
-constexpr char kDevicePath[] = "/org/bluez/hci0/dev_00_11_22_33_44_55";
-
-constexpr char kDefaultObjects[] =
-    "({'/org/bluez/hci0': {'org.bluez.Adapter1': "
-    "{'Address': <'00:AA:BB:CC:DD:EE'>, 'Name': <'host'>}}, "
-    "'/org/bluez/hci0/dev_00_11_22_33_44_55': {'org.bluez.Device1': "
-    "{'Address': <'00:11:22:33:44:55'>, 'Paired': <true>}}},)";
-constexpr char kDefaultProperties[] =
-    "({'Powered': <true>, 'Discovering': <false>},)";
-constexpr char kDefaultProperty[] = "(<true>,)";
 
 // What the first byte chooses: a reply, or the body of a signal.
 struct Message {
@@ -52,20 +48,6 @@ constexpr Message kMessages[] = {
     {'v', "PropertiesChanged", "(v)"},
 };
 
-// The bus as the client under test sees it.
-struct Subscription {
-  GDBusSignalCallback callback;
-  gpointer user_data;
-};
-std::map<std::string, GVariant*> replies;           // borrowed, by method
-std::map<std::string, Subscription> subscriptions;  // by signal
-
-GVariantPtr ParseText(const char* type, std::string_view text) {
-  return GVariantPtr(g_variant_parse(G_VARIANT_TYPE(type), text.data(),
-                                     text.data() + text.size(), nullptr,
-                                     nullptr));
-}
-
 GVariantPtr ReadValue(const char* type, std::string_view input) {
   // The parser takes text only.
   if (g_utf8_validate_len(input.data(), input.size(), nullptr)) {
@@ -84,7 +66,7 @@ size_t CountDevices(GVariant* interfaces) {
   g_variant_iter_init(&iterator, interfaces);
   const gchar* name = nullptr;
   while (g_variant_iter_next(&iterator, "{&sa{sv}}", &name, nullptr)) {
-    if (g_str_equal(name, kDevice)) ++count;
+    if (g_str_equal(name, kDeviceInterface)) ++count;
   }
   return count;
 }
@@ -157,11 +139,11 @@ void FuzzDevice(GVariant* properties) {
 // Asks the client everything that a reply can matter to.
 void FuzzQueries(BluezClient* client) {
   const std::vector<DiscoveredDevice> devices = client->GetKnownDevices();
-  Check(devices.size() == CountManagedDevices(replies["GetManagedObjects"]),
+  Check(devices.size() == CountManagedDevices(Reply("GetManagedObjects").get()),
         "one record for each device object");
   Check(client->GetBondedDevices().size() <= devices.size(),
         "bonded devices are known devices");
-  std::vector<std::string> addresses = {"00:11:22:33:44:55", "", "/", "\xff"};
+  std::vector<std::string> addresses = {kDeviceAddress, "", "/", "\xff"};
   for (const DiscoveredDevice& device : devices) {
     CheckRecord(device);
     if (addresses.size() < 16) addresses.push_back(device.address);
@@ -184,9 +166,7 @@ size_t Emit(BluezClient* client, const char* signal, const char* path,
     CheckRecord(device);
     ++records;
   };
-  const Subscription& subscription = subscriptions.at(signal);
-  subscription.callback(nullptr, ":1.1", path, "", signal, body,
-                        subscription.user_data);
+  EmitSignal(signal, path, body);
   client->on_device = nullptr;
   return records;
 }
@@ -199,7 +179,7 @@ void FuzzSignal(BluezClient* client, const Message& message, GVariant* body) {
   } else if (message.choice == 'p') {
     const gchar* interface = nullptr;
     g_variant_get_child(body, 0, "&s", &interface);
-    expected = g_str_equal(interface, kDevice) ? 1 : 0;
+    expected = g_str_equal(interface, kDeviceInterface) ? 1 : 0;
   }
   Check(Emit(client, message.name, kDevicePath, body) == expected,
         "a record for each device that a signal names");
@@ -216,7 +196,7 @@ void FuzzClient(const Message& message, GVariant* value) {
   }
   Check(g_variant_is_object_path(client.adapter_path()), "an adapter's path");
   FuzzQueries(&client);
-  if (subscriptions.count(message.name) != 0) {
+  if (WatchesSignal(message.name)) {
     FuzzSignal(&client, message, value);
   } else {
     // Makes the client read the properties of a device and of the adapter.
@@ -230,79 +210,16 @@ void FuzzClient(const Message& message, GVariant* value) {
 
 }  // namespace
 
-// The program's own bus: what the client asks of GDBus ends up here, and so do
-// the demands that GDBus makes of its callers.
-extern "C" {
-
-GDBusConnection* g_bus_get_sync(GBusType, GCancellable*, GError**) {
-  return static_cast<GDBusConnection*>(g_object_new(G_TYPE_OBJECT, nullptr));
-}
-
-void g_dbus_connection_set_exit_on_close(GDBusConnection*, gboolean) {}
-
-gboolean g_dbus_connection_is_closed(GDBusConnection*) { return FALSE; }
-
-guint g_dbus_connection_signal_subscribe(GDBusConnection*, const gchar*,
-                                         const gchar*, const gchar* member,
-                                         const gchar*, const gchar*,
-                                         GDBusSignalFlags,
-                                         GDBusSignalCallback callback,
-                                         gpointer user_data, GDestroyNotify) {
-  subscriptions[member] = {callback, user_data};
-  return static_cast<guint>(subscriptions.size());
-}
-
-void g_dbus_connection_signal_unsubscribe(GDBusConnection*, guint) {
-  subscriptions.clear();
-}
-
-// The agent answers nothing that is fuzzed here, and reading its description
-// would cost more than everything else.
-GDBusNodeInfo* g_dbus_node_info_new_for_xml(const gchar*, GError**) {
-  return nullptr;
-}
-
-GVariant* g_dbus_connection_call_sync(GDBusConnection*, const gchar*,
-                                      const gchar* path, const gchar*,
-                                      const gchar* method, GVariant* arguments,
-                                      const GVariantType* reply_type,
-                                      GDBusCallFlags, gint, GCancellable*,
-                                      GError**) {
-  Check(g_variant_is_object_path(path), "calls go to an object path");
-  if (arguments != nullptr) {
-    g_autoptr(GVariant) owned = g_variant_ref_sink(arguments);
-    Check(g_variant_is_of_type(owned, G_VARIANT_TYPE_TUPLE) &&
-              g_variant_is_normal_form(owned),
-          "calls carry a tuple that a message can hold");
-  }
-  const auto found = replies.find(method);
-  if (found == replies.end()) {
-    return g_variant_ref_sink(g_variant_new_tuple(nullptr, 0));
-  }
-  Check(
-      reply_type != nullptr && g_variant_is_of_type(found->second, reply_type),
-      "a reply that is read has its type checked");
-  return g_variant_ref(found->second);
-}
-
-}  // extern "C"
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   g_log_set_default_handler(lumso_fuzz::EndOnCritical, nullptr);
-  static const GVariantPtr objects =
-      ParseText("(a{oa{sa{sv}}})", kDefaultObjects);
-  static const GVariantPtr properties =
-      ParseText("(a{sv})", kDefaultProperties);
-  static const GVariantPtr property = ParseText("(v)", kDefaultProperty);
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   for (const Message& message : kMessages) {
     if (input.empty() || input.front() != message.choice) continue;
     const GVariantPtr value = ReadValue(message.type, input.substr(1));
-    replies = {{"GetManagedObjects", objects.get()},
-               {"GetAll", properties.get()},
-               {"Get", property.get()}};
-    const auto reply = replies.find(message.name);
-    if (reply != replies.end()) reply->second = value.get();
+    ResetBus(true);
+    if (HasReply(message.name)) {
+      Reply(message.name).reset(g_variant_ref(value.get()));
+    }
     FuzzClient(message, value.get());
     if (message.choice == 'a') {
       FuzzDevice(GVariantPtr(g_variant_get_child_value(value.get(), 0)).get());
