@@ -108,6 +108,14 @@ class ProberFixture : public Base, protected GatedProber {
         "{'Address': <'" + address + "'>, 'Alias': <'" + name + "'>}");
   }
 
+  // Takes all devices off the daemon's list.
+  void RemoveTargets() {
+    for (; listed_ > removed_; ++removed_) {
+      this->daemon->RemoveObject("/org/bluez/hci0/dev_" +
+                                 std::to_string(removed_ + 1));
+    }
+  }
+
   // Runs one whole cycle up to the beginning of its pause and dispatches its
   // events; the first time it hands over the secret.
   void RunCycle() {
@@ -154,6 +162,7 @@ class ProberFixture : public Base, protected GatedProber {
  private:
   int targets_ = 0;
   int listed_ = 0;
+  int removed_ = 0;
   int cycles_ = 0;
   ptrdiff_t taken_events_ = 0;
 };

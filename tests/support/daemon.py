@@ -40,10 +40,11 @@ class Daemon(mockobject.DBusMockObject):
     def __init__(self, name, logfile):
         super().__init__(name, '/', OBJECT_MANAGER, {}, logfile, True)
         self.arrivals = []
+        self.fault = None
         name.get_bus().add_message_filter(self.note)
 
-    def note(self, _connection, message):
-        """Logs a method call and leaves it to the dispatcher."""
+    def note(self, connection, message):
+        """Logs a method call; leaves it to the fault or to the dispatcher."""
         if (isinstance(message, dbus.lowlevel.MethodCallMessage)
                 and message.get_interface() not in UNLOGGED):
             words = [f'{message.get_interface()}.{message.get_member()}',
@@ -52,6 +53,11 @@ class Daemon(mockobject.DBusMockObject):
                 words.append(f'({message.get_signature()})')
                 words += [describe(arg) for arg in message.get_args_list()]
             self.arrivals.append(' '.join(words))
+            if self.fault and words[:2] == self.fault[:2]:
+                code, self.fault = self.fault[2], None
+                exec(code, globals(),
+                     {'connection': connection, 'message': message})
+                return dbus.lowlevel.HANDLER_RESULT_HANDLED
         return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
 
     @dbus.service.method(mockobject.MOCK_IFACE, out_signature='as')
@@ -59,6 +65,11 @@ class Daemon(mockobject.DBusMockObject):
         """Gives the calls logged since the last time, and forgets them."""
         calls, self.arrivals = self.arrivals, []
         return calls
+
+    @dbus.service.method(mockobject.MOCK_IFACE, in_signature='sss')
+    def FailNextCall(self, method, path, code):
+        """Lets code handle the next call of a method in the dispatcher's place."""
+        self.fault = [str(method), str(path), str(code)]
 
     @dbus.service.method(mockobject.MOCK_IFACE, in_signature='osa{sv}')
     def ReplaceProperties(self, path, interface, properties):

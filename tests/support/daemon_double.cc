@@ -119,6 +119,16 @@ void DaemonDouble::FailCall(const std::string& path,
              error + "')");
 }
 
+void DaemonDouble::FailNextCall(const std::string& path,
+                                const std::string& interface,
+                                const std::string& method,
+                                const std::string& code) {
+  const std::string full_name = interface + "." + method;
+  g_variant_unref(Script(
+      "/", "FailNextCall",
+      g_variant_new("(sss)", full_name.c_str(), path.c_str(), code.c_str())));
+}
+
 std::vector<std::string> DaemonDouble::TakeCalls() {
   g_autoptr(GVariant) reply = Script("/", "TakeCalls", nullptr);
   g_autoptr(GVariant) calls = g_variant_get_child_value(reply, 0);

@@ -73,6 +73,12 @@ class DaemonDouble {
                 const std::string& method, const std::string& in_type,
                 const std::string& error, const std::string& message);
 
+  // Lets `code` (Python) take the place of everything that the daemon would do
+  // with the next call of a method on `path`; the call is in `message` and the
+  // bus connection in `connection`. Nothing is sent but what `code` sends.
+  void FailNextCall(const std::string& path, const std::string& interface,
+                    const std::string& method, const std::string& code);
+
   // Returns the method calls that have arrived since the last time, those of
   // this class left out, each as
   // "interface.Method path (signature) argument argument", with the last two

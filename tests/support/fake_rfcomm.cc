@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -40,7 +41,7 @@ constexpr int kRfcommProtocol = 3;
 
 // What a descriptor number stands for; written under the lock of FakeRfcomm,
 // read without one.
-enum Mark : unsigned char { kForeign, kOurs, kClosed };
+enum Mark : unsigned char { kForeign, kOurs, kClosed, kWake, kWakeClosed };
 constexpr int kMaxDescriptors = 65536;
 unsigned char marks[kMaxDescriptors];
 
@@ -77,6 +78,7 @@ struct NextFunctions {
   int (*socket)(int, int, int);
   int (*connect)(int, const sockaddr*, socklen_t);
   int (*eventfd)(unsigned, int);
+  int (*eventfd_write)(int, eventfd_t);
   int (*poll)(pollfd*, nfds_t, int);
   ssize_t (*read)(int, void*, size_t);
   ssize_t (*write)(int, const void*, size_t);
@@ -193,6 +195,11 @@ LUMSO_EARLY int eventfd(unsigned count, int flags) __THROW {
   return Next(&next.eventfd, "eventfd")(count, flags);
 }
 
+LUMSO_EARLY int eventfd_write(int fd, eventfd_t value) {
+  if (MarkOf(fd) == kWake) return Current()->OnWakeWrite(fd, value);
+  return Next(&next.eventfd_write, "eventfd_write")(fd, value);
+}
+
 LUMSO_EARLY int poll(pollfd* fds, nfds_t count, int timeout) {
   for (nfds_t i = 0; i < count; ++i) {
     if (MarkOf(fds[i].fd) == kOurs) {
@@ -220,9 +227,11 @@ LUMSO_EARLY int shutdown(int fd, int how) __THROW {
 LUMSO_EARLY int close(int fd) {
   const int mark = MarkOf(fd);
   if (mark == kOurs) return Current()->OnClose(fd);
+  if (mark == kWake) return Current()->OnWakeClose(fd);
   const int result = Next(&next.close, "close")(fd);
-  // The number was an RFCOMM socket's, and nobody has taken it since.
-  if (mark == kClosed && result < 0 && errno == EBADF && Current() != nullptr) {
+  // The number was one of ours, and nobody has taken it since.
+  if (mark != kForeign && result < 0 && errno == EBADF &&
+      Current() != nullptr) {
     Current()->OnStaleClose(fd);
     errno = EBADF;
   }
@@ -353,6 +362,13 @@ std::optional<std::string> Peer::ReceiveAll() {
   return std::nullopt;
 }
 
+bool Peer::WaitUntilRead() {
+  return Eventually([this] {
+    int unread = 0;
+    return ioctl(fd_, SIOCOUTQ, &unread) == 0 && unread == 0;
+  });
+}
+
 bool Peer::WaitForClose() { return WaitFor(0); }
 
 void Peer::HalfClose() { shutdown(fd_, SHUT_WR); }
@@ -453,6 +469,11 @@ size_t FakeRfcomm::open_sockets() const {
   return sockets_.size();
 }
 
+void FakeRfcomm::KeepNoRecords() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  keeps_records_ = false;
+}
+
 std::string FakeRfcomm::address(int socket) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = addresses_.find(socket);
@@ -464,7 +485,8 @@ bool FakeRfcomm::EachClosedOnce() const {
   for (int socket = 1; socket <= made; ++socket) {
     if (count(Call::kClose, socket) != 1) return false;
   }
-  return true;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return wakes_closed_ == wakes_made_;
 }
 
 CallRecord FakeRfcomm::Begin(Call call, int fd, int64_t argument) const {
@@ -484,7 +506,7 @@ void FakeRfcomm::End(CallRecord record, int64_t result) {
   record.error = result < 0 ? error : 0;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(std::move(record));
+    if (keeps_records_) calls_.push_back(std::move(record));
   }
   errno = error;
 }
@@ -538,6 +560,11 @@ int FakeRfcomm::OnEventfd(unsigned count, int flags) {
   const int result = step.result ? static_cast<int>(*step.result)
                                  : Next(&next.eventfd, "eventfd")(count, flags);
   connecting = false;
+  if (result >= 0) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++wakes_made_;
+    SetMark(result, kWake);
+  }
   End(std::move(record), result);
   return result;
 }
@@ -553,7 +580,7 @@ int FakeRfcomm::OnConnect(int fd, const void* address, uint32_t length) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     sockets_[fd].address = device;
-    addresses_[record.socket] = device;
+    if (keeps_records_) addresses_[record.socket] = device;
     known = devices_.count(device) != 0;
   }
   const Step step = NextStep(Call::kConnect, fd);
@@ -578,6 +605,13 @@ void FakeRfcomm::HandOver(int fd) {
   const std::lock_guard<std::mutex> lock(mutex_);
   Socket& socket = sockets_[fd];
   auto peer = std::make_shared<Peer>(std::exchange(socket.peer_fd, -1));
+  if (!keeps_records_) {
+    const auto unused = [](const auto& other) {
+      return other.use_count() == 1;
+    };
+    peers_.erase(std::remove_if(peers_.begin(), peers_.end(), unused),
+                 peers_.end());
+  }
   peers_.push_back(peer);
   Device& device = devices_[socket.address];
   if (!device.behaviour) {
@@ -659,7 +693,7 @@ int FakeRfcomm::OnShutdown(int fd, int how) {
 
 int FakeRfcomm::OnClose(int fd) {
   CallRecord record = Begin(Call::kClose, fd, 0);
-  NextStep(Call::kClose, fd);
+  const Step step = NextStep(Call::kClose, fd);
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     const int peer_fd = sockets_[fd].peer_fd;
@@ -668,37 +702,81 @@ int FakeRfcomm::OnClose(int fd) {
     SetMark(fd, kClosed);
   }
   connecting = false;
-  const int result = Next(&next.close, "close")(fd);
+  int result = Next(&next.close, "close")(fd);
+  if (step.result) {
+    result = static_cast<int>(*step.result);
+    errno = step.error;
+  }
   End(std::move(record), result);
   return result;
 }
 
 void FakeRfcomm::OnStaleClose(int fd) {
+  if (MarkOf(fd) == kWakeClosed) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++wakes_closed_;
+    return;
+  }
   CallRecord record = Begin(Call::kClose, fd, 0);
   errno = EBADF;
   End(std::move(record), -1);
 }
 
-int FakeRfcomm::OnFcntl(int fd, int command, void* argument) {
-  const auto value = reinterpret_cast<intptr_t>(argument);
-  const int result = Next(&next.fcntl, "fcntl")(fd, command, argument);
-  if (command == F_SETFD) {
-    End(Begin(Call::kSetDescriptorFlags, fd, value), result);
-  } else if (command == F_GETFL) {
-    End(Begin(Call::kGetFlags, fd, 0), result);
-  } else if (command == F_SETFL) {
-    End(Begin(Call::kSetFlags, fd, value), result);
+int FakeRfcomm::OnWakeWrite(int fd, uint64_t value) {
+  const Step step = NextStep(Call::kWakeWrite, fd);
+  return step.result ? static_cast<int>(*step.result)
+                     : Next(&next.eventfd_write, "eventfd_write")(fd, value);
+}
+
+int FakeRfcomm::OnWakeClose(int fd) {
+  const Step step = NextStep(Call::kWakeClose, fd);
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++wakes_closed_;
+    SetMark(fd, kWakeClosed);
   }
+  const int result = Next(&next.close, "close")(fd);
+  if (!step.result) return result;
+  errno = step.error;
+  return static_cast<int>(*step.result);
+}
+
+int FakeRfcomm::OnFcntl(int fd, int command, void* argument) {
+  Call call;
+  switch (command) {
+    case F_SETFD:
+      call = Call::kSetDescriptorFlags;
+      break;
+    case F_GETFL:
+      call = Call::kGetFlags;
+      break;
+    case F_SETFL:
+      call = Call::kSetFlags;
+      break;
+    default:
+      return Next(&next.fcntl, "fcntl")(fd, command, argument);
+  }
+  CallRecord record =
+      Begin(call, fd,
+            command == F_GETFL
+                ? 0
+                : static_cast<int>(reinterpret_cast<intptr_t>(argument)));
+  const Step step = NextStep(call, fd);
+  const int result = step.result
+                         ? static_cast<int>(*step.result)
+                         : Next(&next.fcntl, "fcntl")(fd, command, argument);
+  End(std::move(record), result);
   return result;
 }
 
 int FakeRfcomm::OnPendingError(int fd, int* value) {
   CallRecord record = Begin(Call::kPendingError, fd, 0);
   const Step step = NextStep(Call::kPendingError, fd);
-  *value = step.result ? static_cast<int>(*step.result) : 0;
+  const int result = step.result && *step.result < 0 ? -1 : 0;
+  if (result == 0) *value = static_cast<int>(step.result.value_or(0));
   record.argument = *value;
-  End(std::move(record), 0);
-  return 0;
+  End(std::move(record), result);
+  return result;
 }
 
 // ---------------------------------------------------------------------------

@@ -46,6 +46,8 @@ enum class Call {
   kWrite,
   kShutdown,
   kClose,
+  kWakeWrite,  // eventfd_write(); this and the next are scripted, not recorded
+  kWakeClose,
 };
 
 // One call on an RFCOMM socket, in the order in which the calls returned.
@@ -74,7 +76,8 @@ struct Step {
 
 inline Step Pass() { return {}; }
 inline Step Fail(int error) { return {nullptr, -1, error, 0}; }
-// For kPendingError `value` is the error that the socket reports.
+// For kPendingError `value` is the error that the socket reports, and -1 fails
+// the call that asks for it. Closing fails after the fact, as in the kernel.
 inline Step Return(int64_t value, int error = 0) {
   return {nullptr, value, error, 0};
 }
@@ -100,6 +103,8 @@ class Peer {
   // Returns all that still comes before the end of the stream; nothing when
   // the stream does not end in time.
   std::optional<std::string> ReceiveAll();
+  // Waits until the other side has read all that was sent.
+  bool WaitUntilRead();
   // Waits until the other side has closed its descriptor; reads nothing.
   bool WaitForClose();
   // Ends the device's sending side only.
@@ -140,8 +145,8 @@ class FakeRfcomm {
   void JoinDevices();
 
   // The next calls of that kind take these steps, then the rest pass: on
-  // sockets connected (or connecting) to `address`, or on any socket. The calls
-  // of fcntl() always pass.
+  // sockets connected (or connecting) to `address`, or on any socket. What
+  // comes before connect() belongs to no address yet, and an eventfd to none.
   void Script(const std::string& address, Call call, std::vector<Step> steps);
   void Script(Call call, std::vector<Step> steps) {
     Script("", call, std::move(steps));
@@ -156,9 +161,13 @@ class FakeRfcomm {
   // Sockets made so far; sockets not closed yet.
   int sockets() const;
   size_t open_sockets() const;
+  // From now on keeps no record of calls, of addresses, nor of a device's end
+  // that nobody else holds, which closes it: for runs whose records would fill
+  // the memory. Call it before the first connection.
+  void KeepNoRecords();
   // The address that a socket was connected to.
   std::string address(int socket) const;
-  // Tells whether every socket made so far was closed exactly once.
+  // Tells whether every socket and eventfd made so far was closed exactly once.
   bool EachClosedOnce() const;
 
   // For the interposed calls; see the source.
@@ -171,6 +180,8 @@ class FakeRfcomm {
   int OnShutdown(int fd, int how);
   int OnClose(int fd);
   void OnStaleClose(int fd);
+  int OnWakeWrite(int fd, uint64_t value);
+  int OnWakeClose(int fd);
   int OnFcntl(int fd, int command, void* argument);
   int OnPendingError(int fd, int* value);
 
@@ -202,6 +213,9 @@ class FakeRfcomm {
   std::vector<std::shared_ptr<Peer>> peers_;
   std::vector<std::thread> threads_;
   int made_ = 0;
+  int wakes_made_ = 0;
+  int wakes_closed_ = 0;
+  bool keeps_records_ = true;
 };
 
 // Holds the sleeps of background threads. While one exists, nanosleep on any
