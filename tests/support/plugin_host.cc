@@ -99,11 +99,10 @@ std::string Describe(FlValue* value) {
 }
 
 PluginHost::PluginHost()
-    : messenger_(in_process_messenger_new([this](const std::string& channel,
-                                                 GBytes* message) {
-        records_.push_back({channel, DescribeEnvelope(DecodeEnvelope(message),
-                                                      "end of stream")});
-      })) {
+    : messenger_(in_process_messenger_new(
+          [this](const std::string& channel, GBytes* message) {
+            TakeEvent(channel, message);
+          })) {
   g_autoptr(InProcessRegistrar) registrar =
       in_process_registrar_new(messenger_);
   lumso_bluetooth_plugin_register_with_registrar(
@@ -117,6 +116,18 @@ PluginHost::~PluginHost() {
   g_object_add_weak_pointer(G_OBJECT(messenger_), &left);
   g_object_unref(messenger_);
   EXPECT_EQ(left, nullptr) << "the plug-in has left a channel behind";
+}
+
+void PluginHost::TakeEvent(const std::string& channel, GBytes* message) {
+  const Envelope event = DecodeEnvelope(message);
+  if (!observer_) {
+    records_.push_back({channel, DescribeEnvelope(event, "end of stream")});
+    return;
+  }
+  EXPECT_TRUE(event.kind == Envelope::Kind::kSuccess ||
+              event.kind == Envelope::Kind::kEmpty)
+      << channel;
+  observer_(channel, event.value.get());
 }
 
 std::string PluginHost::Call(const std::string& method, FlValue* args) {
@@ -137,7 +148,7 @@ std::string PluginHost::CallOn(const std::string& channel,
       });
   EXPECT_LE(answers->size(), 1U) << method << " was answered twice";
   const std::string text = answers->empty() ? "unanswered" : answers->front();
-  records_.push_back({channel, text, true});
+  if (!observer_) records_.push_back({channel, text, true});
   return text;
 }
 

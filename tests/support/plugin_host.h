@@ -5,6 +5,7 @@
 
 #include <flutter_linux/flutter_linux.h>
 
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -44,6 +45,10 @@ class PluginHost {
     bool is_answer = false;
   };
 
+  // Receives one event; null for an end of stream.
+  using Observer =
+      std::function<void(const std::string& channel, FlValue* event)>;
+
   PluginHost();
   ~PluginHost();
   PluginHost(const PluginHost&) = delete;
@@ -70,12 +75,20 @@ class PluginHost {
   // All events and answers so far, in the order in which they were sent.
   const std::vector<Record>& records() const { return records_; }
 
+  // From now on hands each event to `observer` as it comes, and records
+  // nothing: for runs whose records would fill the memory.
+  void Observe(Observer observer) { observer_ = std::move(observer); }
+
   // Drops every handler, which lets go of the plug-in object. Does nothing the
   // second time.
   void Dispose();
 
  private:
+  // Makes a record of an event or hands it to the observer.
+  void TakeEvent(const std::string& channel, GBytes* message);
+
   std::vector<Record> records_;
+  Observer observer_;              // Empty: events are recorded.
   InProcessMessenger* messenger_;  // Owned reference.
 };
 
