@@ -1,5 +1,10 @@
 // Looking a device up by its address, its bond state, pairing and unpairing.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
 #include <vector>
 
 #include "tests/support/bus_test.h"
@@ -242,6 +247,17 @@ TEST_F(Bonding, SaysThatADeviceIsNotKnown) {
                 call.rfind("org.freedesktop.DBus.Properties.Get ", 0) == 0)
         << call;
   }
+}
+
+TEST_F(Bonding, SaysSoAtOnceThoughTheHostBuffersStandardError) {
+  static char buffer[4096];
+  setvbuf(stderr, buffer, _IOFBF, sizeof(buffer));
+  EXPECT_EQ(Bond(kDeviceAddress), "false");
+  struct stat written = {};
+  EXPECT_EQ(fstat(STDERR_FILENO, &written), 0);
+  setvbuf(stderr, nullptr, _IONBF, 0);
+  const std::string text = TakeStandardError();
+  EXPECT_EQ(written.st_size, static_cast<off_t>(text.size())) << text;
 }
 
 TEST_F(Bonding, SaysWhyTheDaemonRefused) {

@@ -5,6 +5,10 @@
 #include <lumso_bluetooth/lumso_bluetooth_plugin.h>
 
 #include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/bus_test.h"
@@ -33,6 +37,15 @@ constexpr char kUnregisterCall[] =
 constexpr char kNoDaemon[] =
     "GDBus.Error:org.freedesktop.DBus.Error.ServiceUnknown: The name org.bluez "
     "was not provided by any .service files\n";
+
+// Script of the daemon: notes how many rules the bus keeps about the daemon.
+constexpr char kNoteRules[] =
+    "bus = self.bus_name.get_bus()\n"
+    "rules = bus.call_blocking('org.freedesktop.DBus', "
+    "'/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats', "
+    "'GetAllMatchRules', '', ())\n"
+    "mine = [r for of in rules.values() for r in of if 'org.bluez' in r]\n"
+    "objects['/'].arrivals.append(f'{len(mine)} rules')\n";
 
 // Counts the entries of a folder of /proc/self.
 size_t CountEntries(const char* folder) {
@@ -72,6 +85,73 @@ class Registration : public BusTest {
     return rules;
   }
 };
+
+// Sees every rule that anybody asks the bus for. One at a time.
+class RuleMonitor {
+ public:
+  RuleMonitor() {
+    TakeMembers();
+    g_autoptr(GError) error = nullptr;
+    connection_ = g_dbus_connection_new_for_address_sync(
+        g_getenv("DBUS_SYSTEM_BUS_ADDRESS"),
+        static_cast<GDBusConnectionFlags>(
+            G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (connection_ == nullptr) g_error("monitor: %s", error->message);
+    g_dbus_connection_add_filter(connection_, Note, nullptr, nullptr);
+    const char* rules[] = {"type='method_call',member='AddMatch'", nullptr};
+    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+        "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
+        g_variant_new("(^asu)", rules, 0U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+        nullptr, &error);
+    if (reply == nullptr) g_error("monitor: %s", error->message);
+  }
+  ~RuleMonitor() {
+    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+    g_object_unref(connection_);
+  }
+  RuleMonitor(const RuleMonitor&) = delete;
+  RuleMonitor& operator=(const RuleMonitor&) = delete;
+
+  // The "member" of each rule since the last time, in the order of their
+  // coming.
+  static std::vector<std::string> TakeMembers() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(Seen(), {});
+  }
+
+ private:
+  // Guarded by mutex_. Not of the object: GLib hands the object over to its
+  // thread with a lock that the thread sanitizer does not see.
+  static std::vector<std::string>& Seen() {
+    static auto* members = new std::vector<std::string>();
+    return *members;
+  }
+
+  // Runs on the bus library's thread until the connection is closed.
+  static GDBusMessage* Note(GDBusConnection*, GDBusMessage* message,
+                            gboolean incoming, gpointer) {
+    if (!incoming ||
+        g_strcmp0(g_dbus_message_get_member(message), "AddMatch") != 0) {
+      return message;
+    }
+    const std::string rule = g_dbus_message_get_arg0(message);
+    const size_t start = rule.find("member='") + std::strlen("member='");
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      Seen().push_back(rule.substr(start, rule.find('\'', start) - start));
+    }
+    g_object_unref(message);
+    return nullptr;  // a monitor answers nothing
+  }
+
+  static std::mutex mutex_;
+  GDBusConnection* connection_;
+};
+
+std::mutex RuleMonitor::mutex_;
 
 class Dispose : public Registration {};
 class LostDaemon : public Registration {};
@@ -206,22 +286,67 @@ TEST_F(Registration, WatchesThreeSignalsOfTheDaemon) {
                   "member='PropertiesChanged',sender='org.bluez'"));
 }
 
+TEST_F(Registration, WatchesTheSignalsInThisOrder) {
+  StartBus();
+  StartDaemon();
+  daemon->AddAdapter(kAdapterPath, "{'Powered': <true>}");
+  const RuleMonitor monitor;
+  Register();
+  std::vector<std::string> members;
+  EXPECT_TRUE(WaitUntil([&] {
+    for (const std::string& member : RuleMonitor::TakeMembers()) {
+      members.push_back(member);
+    }
+    return members.size() >= 4;
+  }));
+  EXPECT_THAT(members, ElementsAre("NameOwnerChanged", "InterfacesAdded",
+                                   "InterfacesRemoved", "PropertiesChanged"));
+}
+
 TEST_F(Registration, WatchesTheSignalsBeforeTheAgentIsRegistered) {
   StartBus();
   StartDaemon();
   daemon->AddAdapter(kAdapterPath, "{'Powered': <true>}");
-  daemon->OnCall(
-      "/org/bluez", kAgentManagerInterface, "RegisterAgent", "os", "",
-      "bus = self.bus_name.get_bus()\n"
-      "rules = bus.call_blocking('org.freedesktop.DBus', "
-      "'/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats', "
-      "'GetAllMatchRules', '', ())\n"
-      "mine = [r for of in rules.values() for r in of if 'org.bluez' in r]\n"
-      "objects['/'].arrivals.append(f'{len(mine)} rules')");
+  daemon->OnCall("/org/bluez", kAgentManagerInterface, "RegisterAgent", "os",
+                 "", kNoteRules);
   Register();
   EXPECT_THAT(daemon->TakeCalls(),
               ElementsAre(kListCall, kGetAllCall, kRegisterCall, "4 rules",
                           kDefaultCall));
+}
+
+TEST_F(Registration, ReadsTheAdapterBeforeItWatchesTheSignals) {
+  StartBus();
+  StartDaemon();
+  daemon->AddAdapter(kAdapterPath, "{'Powered': <true>}");
+  daemon->OnCall(kAdapterPath, "org.freedesktop.DBus.Properties", "GetAll", "s",
+                 "a{sv}",
+                 std::string(kNoteRules) + "ret = self.props[args[0]]");
+  Register();
+  EXPECT_THAT(daemon->TakeCalls(),
+              ElementsAre(kListCall, kGetAllCall, "0 rules", kRegisterCall,
+                          kDefaultCall));
+  EXPECT_EQ(host->Call("getState"), "12");
+}
+
+TEST_F(Registration, OutlivesABusThatEndsInTheMiddle) {
+  StartBus();
+  StartDaemon();
+  daemon->AddAdapter(kAdapterPath, "{'Name': <'desk'>, 'Powered': <true>}");
+  daemon->OnCall(kAdapterPath, "org.freedesktop.DBus.Properties", "GetAll", "s",
+                 "a{sv}",
+                 "import os, signal\n"
+                 "bus = self.bus_name.get_bus()\n"
+                 "os.kill(bus.call_blocking('org.freedesktop.DBus', '/', "
+                 "'org.freedesktop.DBus', 'GetConnectionUnixProcessID', 's', "
+                 "('org.freedesktop.DBus',)), signal.SIGKILL)\n"
+                 "os._exit(0)");
+  Register();
+  EXPECT_EQ(TakeStandardError(),
+            "lumso_bluetooth: RegisterAgent failed: The connection is "
+            "closed\n");
+  EXPECT_EQ(host->Call("getName"), "\"desk\"");
+  EXPECT_EQ(host->Call("getState"), "10");
 }
 
 TEST_F(Registration, TakesTheFirstAdapterInTheDaemonsOrder) {
@@ -316,14 +441,9 @@ TEST_F(Dispose, EndsTheSubscriptionsAndTheExportBeforeTheDaemonIsTold) {
   // thread; an exported one would leave this call waiting.
   daemon->OnCall(
       "/org/bluez", kAgentManagerInterface, "UnregisterAgent", "o", "",
-      "bus = self.bus_name.get_bus()\n"
-      "rules = bus.call_blocking('org.freedesktop.DBus', "
-      "'/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats', "
-      "'GetAllMatchRules', '', ())\n"
-      "mine = [r for of in rules.values() for r in of if 'org.bluez' in r]\n"
-      "objects['/'].arrivals.append(f'{len(mine)} rules')\n"
-      "try:\n"
-      "  bus.call_blocking('" +
+      std::string(kNoteRules) +
+          "try:\n"
+          "  bus.call_blocking('" +
           PluginBusName() +
           "', args[0], 'org.bluez.Agent1', 'Cancel', '', (), timeout=5)\n"
           "except dbus.exceptions.DBusException as e:\n"

@@ -118,6 +118,27 @@ TEST_F(SetAuthSecret, ReplacesTheSecretFromTheNextCycleOn) {
   TakeLog();
 }
 
+// Nothing but the library orders the two threads here, so that the thread
+// sanitizer sees when it does not.
+TEST_F(SetAuthSecret, MayComeWhileTheProberReadsTheSecret) {
+  gate.Open();
+  daemon->TakeCalls();
+  for (size_t cycles = 0; cycles < 5; cycles += TakeListings()) {
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(
+          host->Call("setAuthSecret", Secret("not the secret of any device")),
+          "null");
+    }
+  }
+  EXPECT_EQ(host->Call("setAuthSecret", Secret(kSecret)), "null");
+  // The next cycle is one that began after it.
+  daemon->TakeCalls();
+  for (size_t cycles = 0; cycles < 2; cycles += TakeListings()) {
+  }
+  AddTarget(Reading(-61));
+  EXPECT_TRUE(WaitUntil([&] { return !TakeEvents().empty(); }));
+}
+
 TEST_F(SetAuthSecret, WithAnEmptySecretProbesNothingUntilThereIsOne) {
   const std::string address = AddTarget(Reading(-61));
   daemon->TakeCalls();
@@ -465,6 +486,21 @@ TEST_F(ProberConnections, ClosedDuringACycleCountToItsEnd) {
   RunCycle();
   EXPECT_THAT(TakeEvents(), ElementsAre(Lost(first), Update(second, -2)));
   TakeLog();
+}
+
+// Nothing but the library orders the two threads here, so that the thread
+// sanitizer sees when it does not.
+TEST_F(ProberConnections, MayComeAndGoWhileTheProberLooks) {
+  gate.Open();
+  EXPECT_EQ(host->Call("setAuthSecret", Secret(kSecret)), "null");
+  daemon->TakeCalls();
+  int id = 0;
+  for (size_t cycles = 0; cycles < 10; cycles += TakeListings()) {
+    Open(kDeviceAddress, ++id, nullptr);
+    Open("AA:BB:CC:DD:EE:01", ++id, nullptr);
+    Close(id - 1);
+    Close(id);
+  }
 }
 
 // ---------------------------------------------------------------------------

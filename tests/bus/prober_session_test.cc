@@ -4,17 +4,21 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
 
 #include "tests/bus/prober_test.h"
+#include "tests/support/without_standard_input.h"
 
 namespace lumso_test {
 namespace {
@@ -156,6 +160,17 @@ TEST_F(ProbeSocket, FailsCounted) {
                   Counted(second, 1,
                           std::string("socket: ") + strerror(EAFNOSUPPORT))));
   EXPECT_EQ(air.sockets(), 0);
+}
+
+TEST_F(ProbeSocket, MayHaveDescriptorZero) {
+  std::unique_ptr<WithoutStandardInput> without;
+  air.Script(
+      Call::kSocket,
+      {After([&] { without = std::make_unique<WithoutStandardInput>(); })});
+  const std::string address = AddTarget(Reading(-61));
+  RunCycle();
+  ASSERT_EQ(air.calls(Call::kSocket).at(0).result, 0);
+  EXPECT_THAT(TakeEvents(), ElementsAre(Update(address, -61)));
 }
 
 TEST_F(ProbeSocket, LivesOnTheProbersThreadOnly) {
@@ -485,6 +500,17 @@ TEST_F(ProbeExchange, FailsOnReadErrorsLikeOnTimeouts) {
   EXPECT_TRUE(NoPollTimedOut());
 }
 
+TEST_F(ProbeExchange, DoesNotGoOnAfterAReadError) {
+  const std::string address = AddTarget([](Peer& peer) {
+    peer.Send("auth\r\n");
+    EXPECT_EQ(peer.ReceiveAll(), "");
+  });
+  air.Script(address, Call::kRead, {Fail(ECONNRESET)});
+  RunCycle();
+  EXPECT_THAT(TakeLog(), ElementsAre(Counted(address, 1, "greeting timeout")));
+  EXPECT_EQ(air.count(Call::kRead), 1U);
+}
+
 TEST_F(ProbeExchange, FailsAtOnceWhenTheDeviceCloses) {
   const std::string at_once = AddTarget(HangUp);
   const std::string in_greeting =
@@ -561,6 +587,35 @@ TEST_F(ProbeExchange, FailsWhenALineCannotBeSent) {
   }
   RunCycle();
   EXPECT_EQ(TakeLog(), expected);
+}
+
+// The signals that a thread of this process blocks, as bits.
+uint64_t BlockedSignals(pid_t thread) {
+  std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
+  std::string word;
+  while (status >> word && word != "SigBlk:") {
+  }
+  status >> word;
+  return std::stoull(word, nullptr, 16);
+}
+
+// Leaves a stack without a zero byte for the next thread, which gets this
+// one's.
+void DirtyAStack() {
+  std::thread([] {
+    volatile char bytes[32768];
+    for (volatile char& byte : bytes) byte = '\xff';
+  }).join();
+}
+
+TEST_F(ProbeExchange, RunsWithNoSignalBlockedButSigpipe) {
+  AddTarget(Reading(-61));
+  DirtyAStack();
+  const uint64_t blocked = BlockedSignals(gettid());
+  ASSERT_EQ(blocked & 1U << (SIGPIPE - 1), 0U);
+  RunCycle();
+  EXPECT_EQ(BlockedSignals(air.calls(Call::kSocket).at(0).thread),
+            blocked | 1U << (SIGPIPE - 1));
 }
 
 // A write to a stream whose other end is gone raises SIGPIPE, and a host may
@@ -679,6 +734,18 @@ TEST_F(ProbeTiming, FindsTheGreetingAfterAMegabyteOfGarbage) {
   });
   RunCycle();
   EXPECT_THAT(TakeLog(), ElementsAre(Counted(address, 1, "ready timeout")));
+}
+
+TEST_F(ProbeTiming, DoesNotWaitAgainWhenAReadEndsPastTheTime) {
+  const std::string address = AddTarget([](Peer& peer) {
+    peer.Send("x");
+    EXPECT_EQ(peer.ReceiveAll(), "");
+  });
+  // Not a sleep: those are held.
+  air.Script(address, Call::kRead, {After([] { poll(nullptr, 0, 2600); })});
+  RunCycle();
+  EXPECT_THAT(TakeLog(), ElementsAre(Counted(address, 1, "greeting timeout")));
+  EXPECT_EQ(air.count(Call::kPoll), 1U);
 }
 
 TEST_F(ProbeTiming, GivesUpOnEndlessGarbage) {
@@ -866,6 +933,7 @@ TEST_F(ProbeReply, WithoutANumberFails) {
       {"\"rssi\":\r\n-61!!END", "rssi value not integer"},
       {"\"rssi\":\n-61!!END", "rssi value not integer"},
       {"\"rssi\":\v5!!END", "rssi value not integer"},
+      {"\"rssi\":~61!!END", "rssi value not integer"},
       {"\"rssi\":null!!END", "rssi value not integer"},
       {"\"rssi\": .5!!END", "rssi value not integer"},
       {"\"rssi\":\xe2\x88\x92"
@@ -878,6 +946,11 @@ TEST_F(ProbeReply, WithoutANumberFails) {
                    14),
        "rssi value not integer"},
   });
+}
+
+TEST_F(ProbeReply, IsReadWhateverErrorCameBefore) {
+  air.Script(Call::kClose, {Return(0, ERANGE)});
+  ExpectReadings({{"\"rssi\":-61!!END", -61}});
 }
 
 TEST_F(ProbeReply, WithANumberOutOfRangeFails) {

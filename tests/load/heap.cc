@@ -5,6 +5,18 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+
+namespace lumso_test {
+
+bool HasOwnHeap() {
+  // How valgrind puts its heap in front.
+  const char* preloaded = std::getenv("LD_PRELOAD");
+  return !kSanitized && (preloaded == nullptr ||
+                         std::strstr(preloaded, "vgpreload") == nullptr);
+}
+
+}  // namespace lumso_test
 
 #ifdef LUMSO_SANITIZER
 

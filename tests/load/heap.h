@@ -16,14 +16,19 @@ namespace lumso_test {
 #endif
 
 // A sanitizer has a heap of its own, and keeps much beside what it gives out.
+// So does valgrind's memcheck, which one sees only when the program runs.
 #ifdef LUMSO_SANITIZER
 inline constexpr bool kSanitized = true;
 #else
 inline constexpr bool kSanitized = false;
 #endif
 
+// Whether the heap is the program's own, so that what the process holds tells
+// something about it.
+bool HasOwnHeap();
+
 struct HeapUse {
-  size_t blocks = 0;  // always 0 with a sanitizer
+  size_t blocks = 0;  // always 0 with a heap of another kind
   size_t bytes = 0;
 };
 

@@ -55,12 +55,12 @@ void PrintTable(const Footprint& start, const Footprint& warm,
   PrintRow("descriptors", start.descriptors, warm.descriptors, end.descriptors);
   PrintRow("threads", start.threads, warm.threads, end.threads);
   PrintRow("match rules", start.match_rules, warm.match_rules, end.match_rules);
-  if (!kSanitized) {
+  if (HasOwnHeap()) {
     PrintRow("heap, blocks", start.heap.blocks, warm.heap.blocks,
              end.heap.blocks);
   }
   PrintRow("heap, bytes", start.heap.bytes, warm.heap.bytes, end.heap.bytes);
-  PrintRow(kSanitized ? "VmRSS, KiB (no bound)" : "VmRSS, KiB",
+  PrintRow(HasOwnHeap() ? "VmRSS, KiB" : "VmRSS, KiB (no bound)",
            start.resident / 1024, warm.resident / 1024, end.resident / 1024);
 }
 
@@ -181,7 +181,7 @@ void LoadTest::ExpectFlat(const std::string& title, int rounds,
   EXPECT_LE(end.match_rules, most.match_rules);
   EXPECT_LE(end.heap.blocks, most.heap.blocks);
   EXPECT_LE(end.heap.bytes, most.heap.bytes);
-  if (!kSanitized) {
+  if (HasOwnHeap()) {
     EXPECT_LE(end.resident, most.resident);
   }
 }

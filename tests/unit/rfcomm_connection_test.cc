@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "tests/support/fake_rfcomm.h"
+#include "tests/support/without_standard_input.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ using lumso_test::Call;
 using lumso_test::CallRecord;
 using lumso_test::CountDescriptors;
 using lumso_test::CountThreads;
+using lumso_test::CountThreadsNamed;
 using lumso_test::Eventually;
 using lumso_test::Fail;
 using lumso_test::FakeRfcomm;
@@ -35,6 +37,7 @@ using lumso_test::kFakeDeadline;
 using lumso_test::Pass;
 using lumso_test::Peer;
 using lumso_test::Return;
+using lumso_test::WithoutStandardInput;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using testing::internal::CaptureStderr;
@@ -175,6 +178,14 @@ TEST_F(Connect, PassesTheKernelsAddressOfChannelOne) {
             std::string("\x1f\x00\x0f\xee\xdd\xcc\xbb\xaa\x01\x00", 10));
 }
 
+TEST(ParseRfcommAddress, LeavesNothingOfWhatWasThere) {
+  sockaddr_rc remote;
+  std::memset(&remote, 0xff, sizeof(remote));
+  EXPECT_TRUE(lumso_bluetooth::ParseRfcommAddress(kAddress, &remote));
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(&remote), sizeof(remote)),
+            std::string("\x1f\x00\x0f\xee\xdd\xcc\xbb\xaa\x01\x00", 10));
+}
+
 TEST_F(Connect, MakesAPlainStreamSocketAndMarksItCloseOnExec) {
   const auto peer = Open();
   const auto calls = fake_.calls();
@@ -185,6 +196,48 @@ TEST_F(Connect, MakesAPlainStreamSocketAndMarksItCloseOnExec) {
   ASSERT_EQ(marks.size(), 1u);
   EXPECT_EQ(marks[0].argument, FD_CLOEXEC);
   EXPECT_EQ(fcntl(calls[0].fd, F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(Connect, MarksTheWakeDescriptorCloseOnExec) {
+  const auto peer = Open();
+  const auto wakes = fake_.calls(Call::kEventfd);
+  ASSERT_EQ(wakes.size(), 1u);
+  EXPECT_EQ(fcntl(static_cast<int>(wakes[0].result), F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(Connect, TakesDescriptorZeroForTheSocket) {
+  const WithoutStandardInput without;
+  const auto peer = Open();
+  ASSERT_EQ(fake_.calls(Call::kSocket).at(0).result, 0);
+  EXPECT_EQ(fcntl(0, F_GETFD), FD_CLOEXEC);
+  StartAndBlock();
+  EXPECT_TRUE(Send("y"));
+  EXPECT_EQ(peer->Receive(1), "y");
+  connection_.Close();
+  EXPECT_TRUE(fake_.EachClosedOnce());
+  EXPECT_EQ(received_.ends(), 1);
+}
+
+TEST_F(Connect, ClosesASocketWithDescriptorZeroAfterAFailure) {
+  fake_.Script(Call::kEventfd, {Fail(EMFILE)});
+  StderrOf([&] {
+    const WithoutStandardInput without;
+    EXPECT_FALSE(connection_.Connect(kAddress));
+  });
+  ASSERT_EQ(fake_.calls(Call::kSocket).at(0).result, 0);
+  EXPECT_TRUE(fake_.EachClosedOnce());
+}
+
+TEST_F(Connect, TakesDescriptorZeroForTheWakeUp) {
+  std::unique_ptr<WithoutStandardInput> without;
+  fake_.Script(
+      Call::kEventfd,
+      {After([&] { without = std::make_unique<WithoutStandardInput>(); })});
+  const auto peer = Open();
+  ASSERT_EQ(fake_.calls(Call::kEventfd).at(0).result, 0);
+  StartAndBlock();
+  connection_.Close();
+  EXPECT_EQ(received_.ends(), 1);
 }
 
 TEST_F(Connect, StaysBlocking) {
@@ -340,6 +393,8 @@ TEST_F(Start, RunsOneReaderThreadUntilClose) {
   const size_t threads = CountThreads();
   connection_.Start(received_.callback());
   EXPECT_EQ(CountThreads(), threads + 1);
+  EXPECT_TRUE(
+      Eventually([] { return CountThreadsNamed("lumso-reader") == 1; }));
   connection_.Close();
   EXPECT_TRUE(Eventually([&] { return CountThreads() == threads; }));
 }
