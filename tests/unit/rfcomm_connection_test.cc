@@ -706,7 +706,8 @@ TEST_F(Write, FailsWithAMessageEachTimeOnceThePeerIsGone) {
 }
 
 TEST_F(Write, LeavesSigpipeToTheHost) {
-  static volatile sig_atomic_t raised = 0;
+  static volatile sig_atomic_t raised;
+  raised = 0;
   signal(SIGPIPE, [](int) { raised = raised + 1; });
   const auto peer = Open();
   peer->Close();
