@@ -682,6 +682,12 @@ TEST_F(TwoInstances, BothAnswerAndHear) {
   EXPECT_THAT(second.Events(kState), ElementsAre("12"));
 }
 
+TEST_F(TwoInstances, ShareTheAgentOfTheFirst) {
+  RegisterReady();
+  PluginHost second;
+  EXPECT_THAT(daemon->TakeCalls(), ElementsAre(kListCall, kGetAllCall));
+}
+
 TEST_F(TwoInstances, DoNotShareTheDiscovery) {
   RegisterReady();
   PluginHost second;

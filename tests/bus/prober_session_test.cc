@@ -426,6 +426,21 @@ TEST_F(ProbeExchange, GoesOnAfterInterruptedAndShortWrites) {
   EXPECT_THAT(TakeEvents(), ElementsAre(Update(address, -61)));
 }
 
+TEST_F(ProbeExchange, FailsAtAnEndThatFollowsAnInterruption) {
+  const std::string read = AddTarget(HangUp);
+  air.Script(read, Call::kRead, {Fail(EINTR), Return(0)});
+  const std::string write = AddTarget([](Peer& peer) {
+    peer.Send("auth\r\n");
+    peer.ReceiveAll();
+  });
+  air.Script(write, Call::kWrite, {Fail(EINTR), Return(0)});
+  RunCycle();
+  EXPECT_THAT(TakeLog(), ElementsAre(Counted(read, 1, "greeting timeout"),
+                                     Counted(write, 1, "send auth")));
+  EXPECT_EQ(air.count(Call::kRead, 1), 2U);
+  EXPECT_EQ(air.count(Call::kWrite, 2), 2U);
+}
+
 TEST_F(ProbeExchange, EndsAWaitThatASignalInterrupts) {
   const std::string greeting = AddTarget(HangUp);
   air.Script(greeting, Call::kPoll, {Fail(EINTR)});
@@ -803,6 +818,22 @@ TEST_F(ProbeEnd, DrainsAtMostTenTimes64Bytes) {
     EXPECT_EQ(drain[i + 1].argument, 64);
     EXPECT_EQ(drain[i + 1].result, 64);
   }
+}
+
+TEST_F(ProbeEnd, GoesOnDrainingAfterASingleByte) {
+  const std::string address = AddTarget([](Peer& peer) {
+    peer.Send("auth\r\n");
+    peer.ReceiveUntil("\r\n");
+    peer.Send("ready\r\n");
+    peer.ReceiveUntil("\r\n");
+    peer.Send(kReply + std::string(5000, '.'));
+    peer.WaitForClose();
+  });
+  air.Script(address, Call::kRead, {Pass(), Pass(), Pass(), AtMost(1)});
+  RunCycle();
+  const auto drain = DrainCalls(1);
+  ASSERT_EQ(drain.size(), 20U);
+  EXPECT_EQ(drain[1].result, 1);
 }
 
 TEST_F(ProbeEnd, StopsDrainingWhenTheDeviceIsSilent) {

@@ -236,7 +236,12 @@ TEST_F(ManyConnections, CarryTheirOwnBytesAndEndEachInItsWay) {
            " KiB with them");
     }
   };
-  ExpectFlat("200 connections at once", LongOrShort(40, 4), round);
+  // Far less than a block for each connection of the counted rounds. So many
+  // threads at once leave a few with libc, not the same number each time.
+  Allowance allowance;
+  allowance.blocks = kOpen;
+  allowance.bytes = 8192;
+  ExpectFlat("200 connections at once", LongOrShort(40, 4), round, allowance);
 }
 
 // ---------------------------------------------------------------------------
