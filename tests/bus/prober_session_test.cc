@@ -428,12 +428,12 @@ TEST_F(ProbeExchange, GoesOnAfterInterruptedAndShortWrites) {
 
 TEST_F(ProbeExchange, FailsAtAnEndThatFollowsAnInterruption) {
   const std::string read = AddTarget(HangUp);
-  air.Script(read, Call::kRead, {Fail(EINTR), Return(0)});
+  air.Script(read, Call::kRead, {Fail(EINTR), Return(0, EINTR)});
   const std::string write = AddTarget([](Peer& peer) {
     peer.Send("auth\r\n");
     peer.ReceiveAll();
   });
-  air.Script(write, Call::kWrite, {Fail(EINTR), Return(0)});
+  air.Script(write, Call::kWrite, {Fail(EINTR), Return(0, EINTR)});
   RunCycle();
   EXPECT_THAT(TakeLog(), ElementsAre(Counted(read, 1, "greeting timeout"),
                                      Counted(write, 1, "send auth")));
