@@ -269,7 +269,10 @@ TEST_F(ProbeConnect, TimesOutWhenNothingCompletes) {
   EXPECT_THAT(TakeLog(), ElementsAre(Counted(silent, 1, "connect timeout"),
                                      Counted(interrupted, 1, "connect timeout"),
                                      Counted(failed, 1, "connect timeout")));
-  EXPECT_EQ(air.count(Call::kPoll), 3U);
+  ASSERT_EQ(air.count(Call::kPoll), 3U);
+  for (const CallRecord& poll : air.calls(Call::kPoll)) {
+    EXPECT_EQ(poll.entries, 1U);
+  }
   EXPECT_EQ(air.count(Call::kPendingError), 0U);
 }
 
@@ -797,15 +800,18 @@ TEST_F(ProbeEnd, HalfClosesSoThatTheDeviceMayStillSend) {
   EXPECT_EQ(shutdowns[0].argument, SHUT_WR);
 }
 
+// A device that goes on after its reply.
+void TalkOn(Peer& peer) {
+  peer.Send("auth\r\n");
+  peer.ReceiveUntil("\r\n");
+  peer.Send("ready\r\n");
+  peer.ReceiveUntil("\r\n");
+  peer.Send(kReply + std::string(5000, '.'));
+  peer.WaitForClose();
+}
+
 TEST_F(ProbeEnd, DrainsAtMostTenTimes64Bytes) {
-  const std::string address = AddTarget([](Peer& peer) {
-    peer.Send("auth\r\n");
-    peer.ReceiveUntil("\r\n");
-    peer.Send("ready\r\n");
-    peer.ReceiveUntil("\r\n");
-    peer.Send(kReply + std::string(5000, '.'));
-    peer.WaitForClose();
-  });
+  const std::string address = AddTarget(TalkOn);
   RunCycle();
   EXPECT_THAT(TakeEvents(), ElementsAre(Update(address, -61)));
   const auto drain = DrainCalls(1);
@@ -821,14 +827,7 @@ TEST_F(ProbeEnd, DrainsAtMostTenTimes64Bytes) {
 }
 
 TEST_F(ProbeEnd, GoesOnDrainingAfterASingleByte) {
-  const std::string address = AddTarget([](Peer& peer) {
-    peer.Send("auth\r\n");
-    peer.ReceiveUntil("\r\n");
-    peer.Send("ready\r\n");
-    peer.ReceiveUntil("\r\n");
-    peer.Send(kReply + std::string(5000, '.'));
-    peer.WaitForClose();
-  });
+  const std::string address = AddTarget(TalkOn);
   air.Script(address, Call::kRead, {Pass(), Pass(), Pass(), AtMost(1)});
   RunCycle();
   const auto drain = DrainCalls(1);
@@ -853,17 +852,9 @@ TEST_F(ProbeEnd, StopsDrainingWhenTheDeviceIsSilent) {
 }
 
 TEST_F(ProbeEnd, StopsDrainingAtTheFirstFailure) {
-  const auto talking = [](Peer& peer) {
-    peer.Send("auth\r\n");
-    peer.ReceiveUntil("\r\n");
-    peer.Send("ready\r\n");
-    peer.ReceiveUntil("\r\n");
-    peer.Send(kReply + std::string(1000, '.'));
-    peer.WaitForClose();
-  };
-  const std::string poll = AddTarget(talking);
+  const std::string poll = AddTarget(TalkOn);
   air.Script(poll, Call::kPoll, {Pass(), Pass(), Pass(), Fail(EINTR)});
-  const std::string read = AddTarget(talking);
+  const std::string read = AddTarget(TalkOn);
   air.Script(read, Call::kRead, {Pass(), Pass(), Pass(), Pass(), Fail(EINTR)});
   const std::string end = AddTarget(Replying(kReply));
   RunCycle();

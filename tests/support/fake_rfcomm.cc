@@ -496,7 +496,8 @@ CallRecord FakeRfcomm::Begin(Call call, int fd, int64_t argument) const {
           fd,       ThisThread(),
           argument, 0,
           0,        0,
-          0,        ""};
+          0,        "",
+          0};
 }
 
 // Keeps errno as the call left it.
@@ -628,6 +629,7 @@ void FakeRfcomm::HandOver(int fd) {
 
 int FakeRfcomm::OnPoll(int fd, void* fds, unsigned long count, int timeout) {
   CallRecord record = Begin(Call::kPoll, fd, timeout);
+  record.entries = count;
   auto* const waits = static_cast<pollfd*>(fds);
   for (unsigned long i = 0; i < count; ++i) {
     if (waits[i].fd == fd) record.events = waits[i].events;

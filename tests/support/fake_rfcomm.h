@@ -64,6 +64,7 @@ struct CallRecord {
   int64_t result;
   int error;          // errno after a negative result
   std::string bytes;  // connect: the address as passed; read, write: the bytes
+  unsigned long entries = 0;  // poll: how many descriptors
 };
 
 // What one call does instead of, or before, reaching the kernel.
