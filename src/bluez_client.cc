@@ -311,7 +311,7 @@ void BluezClient::OnInterfacesAdded(GDBusConnection*, const gchar*,
                    [&](GVariant* properties) {
                      const DiscoveredDevice device =
                          ParseDevice(path, properties);
-                     if (self->on_device) self->on_device(device);
+                     self->ReportDevice(device);
                      return true;
                    });
 }
@@ -336,7 +336,8 @@ void BluezClient::OnPropertiesChanged(GDBusConnection*, const gchar*,
   if (g_str_equal(interface, kAdapterInterface)) {
     if (g_strcmp0(path, self->adapter_path_) != 0) return;
     self->RefreshAdapterProperties();
-    if (self->on_state_changed) self->on_state_changed();
+    const auto on_state_changed = self->on_state_changed;  // as ReportDevice()
+    if (on_state_changed) on_state_changed();
   } else if (g_str_equal(interface, kDeviceInterface)) {
     const GVariantPtr reply = self->CallSync(
         {path, kPropertiesInterface, "GetAll",
@@ -344,8 +345,14 @@ void BluezClient::OnPropertiesChanged(GDBusConnection*, const gchar*,
     if (reply == nullptr) return;
     const GVariantPtr properties = Child(reply.get(), 0);
     const DiscoveredDevice device = ParseDevice(path, properties.get());
-    if (self->on_device) self->on_device(device);
+    self->ReportDevice(device);
   }
+}
+
+// Calls a copy: the application may replace or clear the callable from within.
+void BluezClient::ReportDevice(const DiscoveredDevice& device) const {
+  const auto callable = on_device;
+  if (callable) callable(device);
 }
 
 bool BluezClient::StartDiscovery() {

@@ -127,6 +127,7 @@ class BluezClient {
                                   const gchar* sender, const gchar* path,
                                   const gchar* interface, const gchar* signal,
                                   GVariant* parameters, gpointer user_data);
+  void ReportDevice(const DiscoveredDevice& device) const;
 
   bool RegisterAgent();
   void UnregisterAgent();

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -180,18 +178,30 @@ FlValue* DeviceToFlValue(const DiscoveredDevice& device) {
   return map;
 }
 
+// Sends `event`; null is the end of the stream. The application may handle an
+// event inside the send and make any call from there, so no caller holds a lock
+// or touches the state afterwards; the channel is kept until the send is done.
+void SendEvent(FlEventChannel* channel, FlValue* event) {
+  g_autoptr(FlEventChannel) kept = FL_EVENT_CHANNEL(g_object_ref(channel));
+  if (event == nullptr) {
+    fl_event_channel_send_end_of_stream(kept, nullptr, nullptr);
+  } else {
+    fl_event_channel_send(kept, event, nullptr, nullptr);
+  }
+}
+
 void SendDeviceEvent(PluginState* state, const DiscoveredDevice& device) {
   if (state->discovery_channel == nullptr) return;
   g_autoptr(FlValue) event = fl_value_new_map();
   fl_value_set_string_take(event, "device", DeviceToFlValue(device));
-  fl_event_channel_send(state->discovery_channel, event, nullptr, nullptr);
+  SendEvent(state->discovery_channel, event);
 }
 
 void SendStateEvent(PluginState* state) {
   if (state->state_channel == nullptr) return;
   g_autoptr(FlValue) event =
       fl_value_new_int(state->client->powered() ? kStateOn : kStateOff);
-  fl_event_channel_send(state->state_channel, event, nullptr, nullptr);
+  SendEvent(state->state_channel, event);
 }
 
 // Returns the state that a stream handler works on, or null when there is no
@@ -279,7 +289,7 @@ bool RecvUntil(int fd, std::string* buffer, const char* terminator,
       return false;
     }
     char chunk[kProbeReadSize];
-    const ssize_t count = read(fd, chunk, sizeof(chunk));
+    const ssize_t count = ReadReady(fd, wait.revents, chunk, sizeof(chunk));
     if (count > 0) {
       // The terminator may straddle two reads.
       const size_t overlap = std::strlen(terminator) - 1;
@@ -316,9 +326,7 @@ ProbeOutcome ConnectProbe(int fd, const sockaddr_rc& remote) {
     if (poll(&wait, 1, static_cast<int>(kConnectTimeout.count())) <= 0) {
       return ProbeFailure("connect timeout");
     }
-    int error = 0;
-    socklen_t size = sizeof(error);
-    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    const int error = TakeSocketError(fd);
     if (error != 0) return ConnectFailure(error);
   }
   fcntl(fd, F_SETFL, flags);
@@ -332,7 +340,7 @@ void HalfCloseAndDrain(int fd) {
     pollfd wait = {fd, POLLIN, 0};
     if (poll(&wait, 1, static_cast<int>(kDrainTimeout.count())) <= 0) return;
     char scratch[kDrainReadSize];
-    if (read(fd, scratch, sizeof(scratch)) <= 0) return;
+    if (ReadReady(fd, wait.revents, scratch, sizeof(scratch)) <= 0) return;
   }
 }
 
@@ -419,7 +427,7 @@ gboolean DispatchSideBandEvent(gpointer user_data) {
   if (record->type == kRssiUpdate) {
     fl_value_set_string_take(event, "rssi", fl_value_new_int(record->value));
   }
-  fl_event_channel_send(state->discovery_channel, event, nullptr, nullptr);
+  SendEvent(state->discovery_channel, event);
   return G_SOURCE_REMOVE;
 }
 
@@ -510,13 +518,6 @@ void ProbeDevices(PluginState* state, const std::string& secret) {
 
 // Body of the prober thread; ends at the first stop check after rssi_stop.
 void RssiProbeLoop(PluginState* state) {
-  pthread_setname_np(pthread_self(), "lumso-prober");
-  // A device may close before the prober writes; that must not end the process.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
   while (!state->rssi_stop.load()) {
     std::string secret;
     {
@@ -540,30 +541,35 @@ void EnsureRssiProberStarted(PluginState* state) {
   bool expected = false;
   if (!state->rssi_running.compare_exchange_strong(expected, true)) return;
   state->rssi_stop.store(false);
-  state->rssi_thread = std::thread(RssiProbeLoop, state);
+  state->rssi_thread =
+      StartThread("lumso-prober", [state] { RssiProbeLoop(state); });
 }
 
 // -- Connections -------------------------------------------------------------
+
+// Returns the read channel of connection `id`, or null. Transfer full.
+FlEventChannel* ReadChannelOf(PluginState* state, int32_t id) {
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const auto found = state->connections.find(id);
+  if (found == state->connections.end() ||
+      found->second.read_channel == nullptr) {
+    return nullptr;
+  }
+  return FL_EVENT_CHANNEL(g_object_ref(found->second.read_channel));
+}
 
 // Main thread. Consumes the record.
 gboolean DispatchReadBytes(gpointer user_data) {
   const std::unique_ptr<ReadChunk> chunk(static_cast<ReadChunk*>(user_data));
   const std::shared_ptr<PluginState> state = chunk->state.lock();
   if (state == nullptr) return G_SOURCE_REMOVE;
-  const std::lock_guard<std::mutex> lock(state->connections_mutex);
-  const auto found = state->connections.find(chunk->id);
-  if (found == state->connections.end() ||
-      found->second.read_channel == nullptr) {
-    return G_SOURCE_REMOVE;
+  g_autoptr(FlEventChannel) channel = ReadChannelOf(state.get(), chunk->id);
+  if (channel == nullptr) return G_SOURCE_REMOVE;
+  g_autoptr(FlValue) event = nullptr;
+  if (!chunk->end) {
+    event = fl_value_new_uint8_list(chunk->bytes.data(), chunk->bytes.size());
   }
-  FlEventChannel* channel = found->second.read_channel;
-  if (chunk->end) {
-    fl_event_channel_send_end_of_stream(channel, nullptr, nullptr);
-  } else {
-    g_autoptr(FlValue) event =
-        fl_value_new_uint8_list(chunk->bytes.data(), chunk->bytes.size());
-    fl_event_channel_send(channel, event, nullptr, nullptr);
-  }
+  SendEvent(channel, event);
   return G_SOURCE_REMOVE;
 }
 

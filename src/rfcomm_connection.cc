@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,6 +25,44 @@ constexpr size_t kReadBufferSize = 2048;
 // sends any of it, so one large call stalls for 30 s and comes back short.
 constexpr size_t kMaxWriteSize = 4096;
 
+// Blocks every signal of the calling thread while it exists.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+// Connects a blocking socket. Returns false with errno set on failure. A signal
+// handler that runs meanwhile ends connect(), SA_RESTART or not, but not the
+// kernel's attempt: its outcome is waited for.
+bool ConnectSocket(int fd, const sockaddr_rc& remote) {
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) ==
+      0) {
+    return true;
+  }
+  if (errno != EINTR) return false;
+  pollfd wait = {fd, POLLOUT, 0};
+  while (poll(&wait, 1, -1) < 0) {
+    if (errno != EINTR) return false;
+  }
+  errno = TakeSocketError(fd);
+  return errno == 0;
+}
+
+void PrintReadError() {
+  std::fprintf(stderr, "lumso_bluetooth: RFCOMM read error: %s\n",
+               std::strerror(errno));
+}
+
 }  // namespace
 
 bool ParseRfcommAddress(const std::string& address, sockaddr_rc* remote) {
@@ -38,6 +77,27 @@ int OpenRfcommSocket() {
   const int fd = socket(AF_BLUETOOTH, SOCK_STREAM, BTPROTO_RFCOMM);
   if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
   return fd;
+}
+
+int TakeSocketError(int fd) {
+  int error = 0;
+  socklen_t size = sizeof(error);
+  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+  return error;
+}
+
+ssize_t ReadReady(int fd, short revents, void* data, size_t size) {
+  if ((revents & (POLLERR | POLLHUP)) == 0) return read(fd, data, size);
+  const ssize_t count = recv(fd, data, size, MSG_DONTWAIT);
+  return count < 0 && errno == EAGAIN ? 0 : count;
+}
+
+std::thread StartThread(const char* name, std::function<void()> body) {
+  const SignalsBlocked blocked;  // a thread begins with its maker's mask
+  return std::thread([name, body = std::move(body)] {
+    pthread_setname_np(pthread_self(), name);
+    body();
+  });
 }
 
 RfcommConnection::~RfcommConnection() { Close(); }
@@ -57,8 +117,7 @@ bool RfcommConnection::Connect(const std::string& address) {
     if (fd >= 0) close(fd);
     return false;
   }
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) <
-      0) {
+  if (!ConnectSocket(fd, remote)) {
     std::fprintf(stderr, "lumso_bluetooth: RFCOMM connect to %s failed: %s\n",
                  address.c_str(), std::strerror(errno));
     close(wake_fd);
@@ -74,30 +133,29 @@ void RfcommConnection::Start(DataCallback on_data) {
   if (fd_ < 0) return;
   on_data_ = std::move(on_data);
   running_.store(true);
-  reader_ = std::thread(&RfcommConnection::ReadLoop, this);
+  reader_ = StartThread("lumso-reader", [this] { ReadLoop(); });
 }
 
-// Waits in poll() rather than in read(): a read() from a peer that vanished is
-// woken neither by shutdown() nor by close() of the descriptor.
+// Waits in poll() alone: of a peer that vanished, or whose end a write() was
+// told first, nothing wakes a read().
 void RfcommConnection::ReadLoop() {
-  pthread_setname_np(pthread_self(), "lumso-reader");
   uint8_t buffer[kReadBufferSize];
   while (running_.load()) {
     pollfd waits[] = {{fd_, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
-    ssize_t count = -1;
-    if (poll(waits, std::size(waits), -1) >= 0) {
-      if (waits[1].revents != 0) continue;  // Close() cleared running_
-      count = read(fd_, buffer, sizeof(buffer));
+    if (poll(waits, std::size(waits), -1) < 0) {
+      if (errno == EINTR) continue;
+      PrintReadError();
+      break;
     }
+    if (waits[1].revents != 0) break;  // by Close(), or it is no eventfd now
+    const ssize_t count =
+        ReadReady(fd_, waits[0].revents, buffer, sizeof(buffer));
     if (count > 0) {
       if (on_data_) on_data_(buffer, static_cast<size_t>(count), false);
     } else if (count == 0) {
       break;
     } else if (errno != EINTR) {
-      if (errno != EBADF) {
-        std::fprintf(stderr, "lumso_bluetooth: RFCOMM read error: %s\n",
-                     std::strerror(errno));
-      }
+      if (errno != EBADF) PrintReadError();
       break;
     }
   }

@@ -3,6 +3,7 @@
 
 #include <bluetooth/bluetooth.h>
 #include <bluetooth/rfcomm.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
@@ -22,6 +23,25 @@ bool ParseRfcommAddress(const std::string& address, sockaddr_rc* remote);
 // Returns a new RFCOMM stream socket, close-on-exec and owned by the caller, or
 // -1 with errno set. Any thread.
 int OpenRfcommSocket();
+
+// Takes the pending error of a socket (SO_ERROR), 0 when there is none. The
+// kernel hands each error out once. Any thread.
+int TakeSocketError(int fd);
+
+// Reads up to `size` bytes from an RFCOMM socket for which poll() has just
+// reported `revents`, which are not 0, and never waits. Returns their count, 0
+// at the end of the stream, or -1 with errno set. What is queued comes before
+// the end. Any thread.
+//
+// The kernel hands the error of an ended stream out once. Where a write() took
+// it, poll() goes on to report POLLHUP, and a read() that may wait would sleep
+// for ever: neither shutdown() nor close() wakes it.
+ssize_t ReadReady(int fd, short revents, void* data, size_t size);
+
+// Starts a thread called `name` (at most 15 characters) that takes none of the
+// host's signals: all are blocked on it from the start, and the caller's mask
+// is unchanged. Throws std::system_error when no thread can be made.
+std::thread StartThread(const char* name, std::function<void()> body);
 
 // One outgoing RFCOMM stream to channel 1 of a remote device, made fresh for
 // each attempt to connect.
@@ -49,7 +69,8 @@ class RfcommConnection {
 
   // Connects to channel 1 of `address` (as ParseRfcommAddress() takes it).
   // Blocks as long as the kernel tries: at once when the peer refuses, about
-  // 30 s when it stays silent. Returns whether the stream is open.
+  // 30 s when it stays silent. Signal handlers that run meanwhile change
+  // nothing. Returns whether the stream is open.
   bool Connect(const std::string& address);
 
   // Starts the reader thread. Without an open socket it does nothing, and
