@@ -602,7 +602,7 @@ class HandshakeBus {
 
   void Serve() {
     const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    Peer client(fd);
+    Peer client(std::make_shared<RfcommLink>(/*caller_fd=*/-1, fd));
     const std::map<std::string, std::string> answers = {
         {"AUTH", "REJECTED EXTERNAL\r\n"},
         {"AUTH EXTERNAL", "DATA\r\n"},
@@ -618,7 +618,7 @@ class HandshakeBus {
     }
     EXPECT_EQ(line, row_.line);
     client.Send(row_.answer);
-    client.HalfClose();
+    shutdown(fd, SHUT_WR);
     client.ReceiveAll();
     client.Close();
     done_ = true;

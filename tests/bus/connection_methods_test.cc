@@ -101,7 +101,11 @@ std::vector<Maker> NotMaps() {
 using Connect = ConnectionTest;
 
 TEST_F(Connect, HandsOutIdsFromOneOn) {
-  for (int id = 1; id <= 5; ++id) Open(id);
+  for (int id = 1; id <= 5; ++id) {
+    const std::string address = "AA:BB:CC:DD:EE:1" + std::to_string(id);
+    air.AddDevice(address);
+    Open(id, address);
+  }
 }
 
 TEST_F(Connect, ReachesChannelOneOfTheDevice) {
@@ -117,7 +121,7 @@ TEST_F(Connect, UsesUpNoIdWhenItFails) {
   EXPECT_EQ(host->Call("connect", Address("AA:BB:CC:DD:EE:99")), kFailed);
   EXPECT_EQ(host->Call("connect", Address("nonsense")), kFailed);
   EXPECT_EQ(host->Call("connect"), kRefused);
-  Open(2);
+  Open(2, kOtherAddress);
   EXPECT_EQ(TakeStandardError(),
             ConnectError("AA:BB:CC:DD:EE:99", EHOSTDOWN) +
                 "lumso_bluetooth: bad BT address 'nonsense'\n");
@@ -127,7 +131,7 @@ TEST_F(Connect, NeverHandsAnIdOutTwice) {
   Open(1);
   EXPECT_EQ(Disconnect(1), "true");
   Open(2);
-  Open(3);
+  Open(3, kOtherAddress);
   EXPECT_EQ(Disconnect(2), "true");
   EXPECT_EQ(Disconnect(3), "true");
   Open(4);
@@ -188,7 +192,29 @@ TEST_F(Connect, IgnoresOtherKeys) {
   EXPECT_EQ(connects[0].bytes[8], 1);
 }
 
-TEST_F(Connect, OpensTwoStreamsToOneAddress) {
+// A device has one channel 1, and it is the kernel that says so.
+TEST_F(Connect, LeavesARefusalOfASecondStreamToTheKernel) {
+  const auto peer = Open(1);
+  EXPECT_EQ(host->Call("connect", Address(kDeviceAddress)), kFailed);
+  EXPECT_EQ(TakeStandardError(), ConnectError(kDeviceAddress, EBUSY));
+  EXPECT_EQ(air.count(Call::kConnect), 2U);
+  EXPECT_EQ(Write(1, "untouched"), "true");
+  EXPECT_EQ(peer->Receive(9), "untouched");
+}
+
+TEST_F(Connect, FailsWhileTheChannelIsStillClosing) {
+  air.SetClosingTime(std::chrono::milliseconds(50));
+  Open(1);
+  EXPECT_EQ(Disconnect(1), "true");
+  EXPECT_EQ(host->Call("connect", Address(kDeviceAddress)), kFailed);
+  EXPECT_EQ(TakeStandardError(), ConnectError(kDeviceAddress, EBUSY));
+  EXPECT_TRUE(WaitUntil(
+      [&] { return host->Call("connect", Address(kDeviceAddress)) == "2"; }));
+  TakeStandardError();
+}
+
+TEST_F(Connect, OpensTwoStreamsToOneAddressWhereTheKernelLetsIt) {
+  air.Script(kDeviceAddress, Call::kConnect, {Pass(), Return(0)});
   const auto first = Open(1);
   const auto second = Open(2);
   EXPECT_EQ(Write(1, "one"), "true");
@@ -326,10 +352,11 @@ TEST_F(WriteMethod, AnswersFalseAndPrintsEachTimeAfterTheEndOfTheStream) {
   peer->Close();
   ASSERT_TRUE(
       WaitUntil([&] { return host->Events(ReadChannel(1)).size() == 1; }));
+  TakeStandardError();
   EXPECT_EQ(Write(1, "a"), "false");
-  EXPECT_EQ(TakeStandardError(), WriteError(EPIPE));
+  EXPECT_EQ(TakeStandardError(), WriteError(ENOTCONN));
   EXPECT_EQ(Write(1, "b"), "false");
-  EXPECT_EQ(TakeStandardError(), WriteError(EPIPE));
+  EXPECT_EQ(TakeStandardError(), WriteError(ENOTCONN));
 }
 
 TEST_F(WriteMethod, AnswersFalseWhenOnlyAPartWentOut) {
@@ -394,7 +421,7 @@ TEST_F(DisconnectMethod, AnswersFalseForUnknownIds) {
 
 TEST_F(DisconnectMethod, NarrowsIdsTo32Bits) {
   Open(1);
-  Open(2);
+  Open(2, kOtherAddress);
   EXPECT_EQ(Disconnect((int64_t{1} << 32) + 1), "true");
   EXPECT_EQ(Disconnect(-(int64_t{1} << 32) + 2), "true");
   EXPECT_TRUE(air.EachClosedOnce());
@@ -433,10 +460,33 @@ TEST_F(DisconnectMethod, SendsNoEndOfStream) {
 TEST_F(DisconnectMethod, DropsAnEndOfStreamThatIsQueued) {
   const auto peer = Open(1);
   peer->Close();
-  ASSERT_TRUE(Eventually([] { return CountThreadsNamed(kReader) == 0; }));
+  ASSERT_TRUE(WaitForReadersEnd(1));
   EXPECT_EQ(Disconnect(1), "true");
   DispatchQueued();
   EXPECT_THAT(host->Events(ReadChannel(1)), IsEmpty());
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
+}
+
+// A "write" that is told of the end leaves the reader without a word of it.
+TEST_F(DisconnectMethod, ReturnsWhenAWriteWasToldOfTheEnd) {
+  const auto peer = Open(1);
+  ASSERT_TRUE(peer->Send("last words"));
+  std::atomic<bool> told{false};
+  ASSERT_TRUE(WaitForRead(1, 10));
+  air.Script(
+      kDeviceAddress, Call::kPoll,
+      {After([&] { EXPECT_TRUE(Eventually([&] { return told.load(); })); })});
+  ASSERT_TRUE(peer->Send("!"));
+  ASSERT_TRUE(WaitForRead(1, 11));
+  peer->Close();
+  EXPECT_EQ(Write(1, "x"), "false");
+  EXPECT_EQ(TakeStandardError(), WriteError(ECONNRESET));
+  told = true;
+  EXPECT_TRUE(WaitUntil([&] {
+    const auto events = host->Events(ReadChannel(1));
+    return !events.empty() && events.back() == "end of stream";
+  }));
+  EXPECT_EQ(Disconnect(1), "true");
 }
 
 TEST_F(DisconnectMethod, ReturnsWhileTheDeviceFloods) {
@@ -492,8 +542,12 @@ using ConnectionDispose = ConnectionTest;
 TEST_F(ConnectionDispose, ClosesEveryStream) {
   const auto first = Open(1);
   const auto second = Open(2, kOtherAddress);
-  const auto ended = Open(3);
+  air.AddDevice(kThirdAddress);
+  const auto ended = Open(3, kThirdAddress);
   ended->Close();
+  ASSERT_TRUE(
+      WaitUntil([&] { return host->Events(ReadChannel(3)).size() == 1; }));
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
   host->Dispose();
   EXPECT_TRUE(first->WaitForClose());
   EXPECT_TRUE(second->WaitForClose());
@@ -504,7 +558,8 @@ TEST_F(ConnectionDispose, ClosesEveryStream) {
 TEST_F(ConnectionDispose, ClosesInTheOrderOfIdsBeforeTheClientGoes) {
   Open(1);
   Open(2, kOtherAddress);
-  Open(3);
+  air.AddDevice(kThirdAddress);
+  Open(3, kThirdAddress);
   std::vector<std::string> before_close;
   for (int i = 0; i < 3; ++i) {
     air.Script(Call::kClose, {After([&] {
@@ -535,10 +590,11 @@ TEST_F(ConnectionDispose, LeavesQueuedBytesWithoutEffect) {
 TEST_F(ConnectionDispose, LeavesAQueuedEndWithoutEffect) {
   const auto peer = Open(1);
   peer->Close();
-  ASSERT_TRUE(Eventually([] { return CountThreadsNamed(kReader) == 0; }));
+  ASSERT_TRUE(WaitForReadersEnd(1));
   host->Dispose();
   DispatchQueued();
   EXPECT_THAT(host->Events(ReadChannel(1)), IsEmpty());
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
 }
 
 TEST_F(ConnectionDispose, ReturnsWhileTheDeviceFloods) {

@@ -3,8 +3,6 @@
 #ifndef LUMSO_BLUETOOTH_TESTS_BUS_CONNECTION_TEST_H_
 #define LUMSO_BLUETOOTH_TESTS_BUS_CONNECTION_TEST_H_
 
-#include <signal.h>
-
 #include <memory>
 #include <string>
 #include <string_view>
@@ -36,6 +34,10 @@ inline std::string Pattern(size_t count) {
   return bytes;
 }
 
+// What the reader of a stream that its device closed writes.
+inline constexpr char kPeerClosed[] =
+    "lumso_bluetooth: RFCOMM read error: Connection reset by peer\n";
+
 inline std::string ReadChannel(int id) {
   return "lumso_bluetooth/read/" + std::to_string(id);
 }
@@ -43,12 +45,11 @@ inline std::string ReadChannel(int id) {
 class ConnectionTest : public ReadyTest {
  protected:
   static constexpr char kOtherAddress[] = "AA:BB:CC:DD:EE:01";
+  static constexpr char kThirdAddress[] = "AA:BB:CC:DD:EE:02";
   static constexpr char kReader[] = "lumso-reader";
 
   void SetUp() override {
     ReadyTest::SetUp();
-    // A local stream raises it where RFCOMM does not.
-    signal(SIGPIPE, SIG_IGN);
     air.AddDevice(kDeviceAddress);
     air.AddDevice(kOtherAddress);
   }
@@ -79,6 +80,16 @@ class ConnectionTest : public ReadyTest {
   // bytes.
   bool WaitForRead(int socket, size_t bytes) {
     return Eventually([&] { return ReadSoFar(socket) >= bytes; });
+  }
+
+  // Waits, without the main loop, until the reader of a socket was told of its
+  // end and is gone.
+  bool WaitForReadersEnd(int socket) {
+    return Eventually([&] {
+             const auto reads = air.calls(Call::kRead, socket);
+             return !reads.empty() && reads.back().result < 0;
+           }) &&
+           Eventually([] { return CountThreadsNamed(kReader) == 0; });
   }
 
   size_t ReadSoFar(int socket) {

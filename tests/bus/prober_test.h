@@ -62,8 +62,12 @@ inline FakeRfcomm::Behaviour Reading(int value) {
   return Replying("{\"rssi\": " + std::to_string(value) + "}!!END");
 }
 
-// A device that takes connections and hangs up: every probe is counted.
-inline void HangUp(Peer&) {}
+// A device that hangs up on a probe that waits for its greeting: it is counted.
+// Hanging up sooner, connecting may be told of it.
+inline void HangUp(Peer& peer) {
+  peer.Send("?");
+  peer.WaitUntilRead();
+}
 
 // The outcome of a probe of HangUp().
 inline constexpr char kHungUp[] = "greeting timeout";

@@ -72,6 +72,7 @@ TEST_F(ReadEvents, SplitABurstInOrder) {
       },
       20));
   device.join();
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
   std::vector<std::string> expected = ReadsAsEvents(1);
   expected.push_back(kEnd);
   EXPECT_EQ(host->Events(ReadChannel(1)), expected);
@@ -95,6 +96,7 @@ TEST_F(ReadEvents, LeaveAfterTheAnswerToConnect) {
     ASSERT_EQ(host->records().size(), records + 1);
     ASSERT_TRUE(WaitForEvents(id, 1));
     EXPECT_EQ(host->records()[records + 1].channel, ReadChannel(id));
+    EXPECT_EQ(Disconnect(id), "true");
   }
 }
 
@@ -134,6 +136,7 @@ TEST_F(ReadEndOfStream, ComesOnceAfterTheRemainingBytes) {
   peer->Close();
   ASSERT_TRUE(WaitForEvents(1, 2));
   Settle();
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
   EXPECT_THAT(host->Events(ReadChannel(1)),
               ElementsAre(DescribeBytes("bye"), kEnd));
 }
@@ -164,26 +167,37 @@ TEST_F(ReadEndOfStream, LeavesTheConnectionToBeDisconnected) {
   EXPECT_EQ(air.open_sockets(), 0U);
   EXPECT_EQ(Disconnect(1), "false");
   Settle();
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
   EXPECT_THAT(host->Events(ReadChannel(1)), ElementsAre(kEnd));
 }
 
 TEST_F(ReadEndOfStream, OfOneStreamLeavesTheOtherAlone) {
   const auto first = Open(1);
-  const auto second = Open(2);
+  const auto second = Open(2, kOtherAddress);
   first->Close();
   ASSERT_TRUE(WaitForEvents(1, 1));
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
   ASSERT_TRUE(second->Send("x"));
   ASSERT_TRUE(WaitForEvents(2, 1));
   EXPECT_THAT(host->Events(ReadChannel(2)), ElementsAre(DescribeBytes("x")));
 }
 
-TEST_F(ReadEndOfStream, ComesWhenOnlyTheDevicesSendingSideEnds) {
+TEST_F(ReadEndOfStream, ComesWhenTheDeviceShutsItsEndDown) {
   const auto peer = Open(1);
-  peer->HalfClose();
+  peer->Shutdown();
   ASSERT_TRUE(WaitForEvents(1, 1));
   EXPECT_THAT(host->Events(ReadChannel(1)), ElementsAre(kEnd));
-  EXPECT_EQ(Write(1, "still"), "true");
-  EXPECT_EQ(peer->Receive(5), "still");
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
+  EXPECT_EQ(Write(1, "too late"), "false");
+  TakeStandardError();
+}
+
+TEST_F(ReadEndOfStream, ComesWithoutALineWhereItIsNoError) {
+  air.EndLikeALocalStream();
+  const auto peer = Open(1);
+  peer->Close();
+  ASSERT_TRUE(WaitForEvents(1, 1));
+  EXPECT_THAT(host->Events(ReadChannel(1)), ElementsAre(kEnd));
 }
 
 // ---------------------------------------------------------------------------
@@ -216,6 +230,7 @@ TEST_F(ReadListen, AndCancelChangeNothingAboutTheStream) {
   EXPECT_EQ(peer->Receive(1), "d");
   peer->Close();
   ASSERT_TRUE(WaitForEvents(1, 4));
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
   EXPECT_THAT(host->Events(ReadChannel(1)),
               ElementsAre("bytes[97]", "bytes[98]", "bytes[99]", kEnd));
 }
@@ -227,6 +242,7 @@ TEST_F(ReadListen, AfterTheEndOfStreamBringsNoSecondOne) {
   EXPECT_EQ(host->Listen(ReadChannel(1)), "null");
   EXPECT_EQ(host->Cancel(ReadChannel(1)), "null");
   Settle();
+  EXPECT_EQ(TakeStandardError(), kPeerClosed);
   EXPECT_THAT(host->Events(ReadChannel(1)), ElementsAre(kEnd));
 }
 

@@ -1,7 +1,6 @@
 #include "tests/support/fake_rfcomm.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
@@ -20,19 +19,13 @@
 #include <cstring>
 #include <fstream>
 
+#include "tests/support/real_calls.h"
+
 // The interposed functions run before main(), inside sanitizer runtimes and on
 // threads that GLib starts. Up to the point where a descriptor turns out to be
-// ours they use nothing but plain memory, and no sanitizer looks at them.
-#define LUMSO_EARLY \
-  __attribute__((no_sanitize("address", "thread", "undefined")))
+// ours they use nothing but plain memory.
 
-#ifdef __has_feature
-#if __has_feature(thread_sanitizer)
-#define LUMSO_THREAD_SANITIZER
-#endif
-#elif defined(__SANITIZE_THREAD__)
-#define LUMSO_THREAD_SANITIZER
-#endif
+namespace real = lumso_test::real;
 
 namespace {
 
@@ -67,49 +60,6 @@ void SetMark(int fd, Mark mark) {
 
 LUMSO_EARLY lumso_test::FakeRfcomm* Current() {
   return __atomic_load_n(&current, __ATOMIC_ACQUIRE);
-}
-
-// The definitions behind ours: libc's, or a sanitizer's interceptors of them.
-//
-// For the thread sanitizer they are libc's even so, but for joining. It leaves
-// GLib's calls out by the library that makes them, and that would always be
-// this program.
-struct NextFunctions {
-  int (*socket)(int, int, int);
-  int (*connect)(int, const sockaddr*, socklen_t);
-  int (*eventfd)(unsigned, int);
-  int (*eventfd_write)(int, eventfd_t);
-  int (*poll)(pollfd*, nfds_t, int);
-  ssize_t (*read)(int, void*, size_t);
-  ssize_t (*write)(int, const void*, size_t);
-  ssize_t (*send)(int, const void*, size_t, int);
-  int (*shutdown)(int, int);
-  int (*close)(int);
-  int (*fcntl)(int, int, ...);
-  int (*getsockopt)(int, int, int, void*, socklen_t*);
-  int (*nanosleep)(const timespec*, timespec*);
-  int (*clock_nanosleep)(clockid_t, int, const timespec*, timespec*);
-  int (*pthread_join)(pthread_t, void**);
-};
-NextFunctions next;
-
-LUMSO_EARLY void* Find(const char* name) {
-#ifdef LUMSO_THREAD_SANITIZER
-  if (std::strcmp(name, "pthread_join") != 0) {
-    return dlsym(dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD), name);
-  }
-#endif
-  return dlsym(RTLD_NEXT, name);
-}
-
-template <typename Function>
-LUMSO_EARLY Function Next(Function* slot, const char* name) {
-  Function found = __atomic_load_n(slot, __ATOMIC_RELAXED);
-  if (found == nullptr) {
-    found = reinterpret_cast<Function>(Find(name));
-    __atomic_store_n(slot, found, __ATOMIC_RELAXED);
-  }
-  return found;
 }
 
 // Holds the sleeps of the background threads; outlives every sleeper.
@@ -180,24 +130,40 @@ LUMSO_EARLY int socket(int domain, int type, int protocol) __THROW {
       protocol == kRfcommProtocol) {
     return fake->OnSocket(type);
   }
-  return Next(&next.socket, "socket")(domain, type, protocol);
+  return real::socket(domain, type, protocol);
+}
+
+LUMSO_EARLY int bind(int fd, const sockaddr* address,
+                     socklen_t length) __THROW {
+  if (MarkOf(fd) == kOurs) return Current()->OnBind(fd, address, length);
+  return real::bind(fd, address, length);
+}
+
+LUMSO_EARLY int listen(int fd, int backlog) __THROW {
+  if (MarkOf(fd) == kOurs) return Current()->OnListen(fd);
+  return real::listen(fd, backlog);
+}
+
+LUMSO_EARLY int accept(int fd, sockaddr* address, socklen_t* length) {
+  if (MarkOf(fd) == kOurs) return Current()->OnAccept(fd);
+  return real::accept(fd, address, length);
 }
 
 LUMSO_EARLY int connect(int fd, const sockaddr* address, socklen_t length) {
   if (MarkOf(fd) == kOurs) return Current()->OnConnect(fd, address, length);
-  return Next(&next.connect, "connect")(fd, address, length);
+  return real::connect(fd, address, length);
 }
 
 LUMSO_EARLY int eventfd(unsigned count, int flags) __THROW {
   if (connecting && Current() != nullptr) {
     return Current()->OnEventfd(count, flags);
   }
-  return Next(&next.eventfd, "eventfd")(count, flags);
+  return real::eventfd(count, flags);
 }
 
 LUMSO_EARLY int eventfd_write(int fd, eventfd_t value) {
   if (MarkOf(fd) == kWake) return Current()->OnWakeWrite(fd, value);
-  return Next(&next.eventfd_write, "eventfd_write")(fd, value);
+  return real::eventfd_write(fd, value);
 }
 
 LUMSO_EARLY int poll(pollfd* fds, nfds_t count, int timeout) {
@@ -206,29 +172,36 @@ LUMSO_EARLY int poll(pollfd* fds, nfds_t count, int timeout) {
       return Current()->OnPoll(fds[i].fd, fds, count, timeout);
     }
   }
-  return Next(&next.poll, "poll")(fds, count, timeout);
+  return real::poll(fds, count, timeout);
 }
 
 LUMSO_EARLY ssize_t read(int fd, void* data, size_t size) {
-  if (MarkOf(fd) == kOurs) return Current()->OnRead(fd, data, size);
-  return Next(&next.read, "read")(fd, data, size);
+  if (MarkOf(fd) == kOurs) return Current()->OnRead(fd, data, size, true);
+  return real::read(fd, data, size);
+}
+
+LUMSO_EARLY ssize_t recv(int fd, void* data, size_t size, int flags) {
+  if (MarkOf(fd) == kOurs) {
+    return Current()->OnRead(fd, data, size, (flags & MSG_DONTWAIT) == 0);
+  }
+  return real::recv(fd, data, size, flags);
 }
 
 LUMSO_EARLY ssize_t write(int fd, const void* data, size_t size) {
   if (MarkOf(fd) == kOurs) return Current()->OnWrite(fd, data, size);
-  return Next(&next.write, "write")(fd, data, size);
+  return real::write(fd, data, size);
 }
 
 LUMSO_EARLY int shutdown(int fd, int how) __THROW {
   if (MarkOf(fd) == kOurs) return Current()->OnShutdown(fd, how);
-  return Next(&next.shutdown, "shutdown")(fd, how);
+  return real::shutdown(fd, how);
 }
 
 LUMSO_EARLY int close(int fd) {
   const int mark = MarkOf(fd);
   if (mark == kOurs) return Current()->OnClose(fd);
   if (mark == kWake) return Current()->OnWakeClose(fd);
-  const int result = Next(&next.close, "close")(fd);
+  const int result = real::close(fd);
   // The number was one of ours, and nobody has taken it since.
   if (mark != kForeign && result < 0 && errno == EBADF &&
       Current() != nullptr) {
@@ -244,21 +217,28 @@ LUMSO_EARLY int fcntl(int fd, int command, ...) {
   void* const argument = va_arg(arguments, void*);
   va_end(arguments);
   if (MarkOf(fd) == kOurs) return Current()->OnFcntl(fd, command, argument);
-  return Next(&next.fcntl, "fcntl")(fd, command, argument);
+  return real::fcntl(fd, command, argument);
 }
 
 LUMSO_EARLY int getsockopt(int fd, int level, int option, void* value,
                            socklen_t* length) __THROW {
-  if (MarkOf(fd) == kOurs && level == SOL_SOCKET && option == SO_ERROR &&
-      *length == sizeof(int)) {
-    return Current()->OnPendingError(fd, static_cast<int*>(value));
+  if (MarkOf(fd) == kOurs && level == SOL_SOCKET) {
+    return Current()->OnGetOption(fd, option, value, length);
   }
-  return Next(&next.getsockopt, "getsockopt")(fd, level, option, value, length);
+  return real::getsockopt(fd, level, option, value, length);
+}
+
+LUMSO_EARLY int setsockopt(int fd, int level, int option, const void* value,
+                           socklen_t length) __THROW {
+  if (MarkOf(fd) == kOurs && level == SOL_SOCKET) {
+    return Current()->OnSetOption(fd, option, value, length);
+  }
+  return real::setsockopt(fd, level, option, value, length);
 }
 
 LUMSO_EARLY int nanosleep(const timespec* duration, timespec* left) {
   if (!IsHeldSleeper()) {
-    return Next(&next.nanosleep, "nanosleep")(duration, left);
+    return real::nanosleep(duration, left);
   }
   const int error = HoldSleep(*duration, left);
   if (error == 0) return 0;
@@ -271,15 +251,14 @@ LUMSO_EARLY int clock_nanosleep(clockid_t clock, int flags,
   // A sleep up to a point in time keeps its length to itself; libc's own
   // nanosleep() may come here too, on threads that are not held.
   if (flags != 0 || !IsHeldSleeper()) {
-    return Next(&next.clock_nanosleep, "clock_nanosleep")(clock, flags,
-                                                          duration, left);
+    return real::clock_nanosleep(clock, flags, duration, left);
   }
   return HoldSleep(*duration, left);
 }
 
 LUMSO_EARLY int pthread_join(pthread_t thread, void** value) {
   if (__atomic_load_n(&sleeps_held, __ATOMIC_ACQUIRE)) OpenGateFor(thread);
-  return Next(&next.pthread_join, "pthread_join")(thread, value);
+  return real::pthread_join(thread, value);
 }
 
 }  // extern "C"
@@ -290,9 +269,7 @@ namespace {
 
 pid_t ThisThread() { return gettid(); }
 
-int StatusFlags(int fd) {
-  return Next(&next.fcntl, "fcntl")(fd, F_GETFL, nullptr);
-}
+int StatusFlags(int fd) { return real::fcntl(fd, F_GETFL, nullptr); }
 
 // Six colon-separated fields, as BlueZ writes an address; `data` holds the
 // kernel's order, last byte first.
@@ -309,17 +286,19 @@ std::string AddressText(const unsigned char* data) {
 // Peer
 
 bool Peer::WaitFor(short events) {
-  pollfd wait = {fd_, events, 0};
+  pollfd wait = {link_->fd(RfcommLink::kDevice), events, 0};
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(kFakeDeadline);
-  return fd_ >= 0 && poll(&wait, 1, static_cast<int>(milliseconds.count())) > 0;
+  return wait.fd >= 0 &&
+         real::poll(&wait, 1, static_cast<int>(milliseconds.count())) > 0;
 }
 
 bool Peer::Send(std::string_view bytes) {
   while (!bytes.empty()) {
     if (!WaitFor(POLLOUT)) return false;
-    const ssize_t sent = Next(&next.send, "send")(
-        fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent =
+        real::send(link_->fd(RfcommLink::kDevice), bytes.data(), bytes.size(),
+                   MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno != EAGAIN && errno != EINTR) return false;
     if (sent > 0) bytes.remove_prefix(static_cast<size_t>(sent));
   }
@@ -330,7 +309,8 @@ std::string Peer::Receive(size_t count) {
   std::string received(count, '\0');
   size_t size = 0;
   while (size < count && WaitFor(POLLIN)) {
-    const ssize_t got = read(fd_, &received[size], count - size);
+    const ssize_t got = link_->Read(RfcommLink::kDevice, &received[size],
+                                    count - size, /*waits=*/false);
     if (got <= 0) break;
     size += static_cast<size_t>(got);
   }
@@ -354,8 +334,8 @@ std::optional<std::string> Peer::ReceiveAll() {
   std::string received;
   char chunk[4096];
   while (WaitFor(POLLIN)) {
-    const ssize_t got = read(fd_, chunk, sizeof(chunk));
-    // A local stream whose other end left bytes unread ends with ECONNRESET.
+    const ssize_t got = link_->Read(RfcommLink::kDevice, chunk, sizeof(chunk),
+                                    /*waits=*/false);
     if (got <= 0) return received;
     received.append(chunk, static_cast<size_t>(got));
   }
@@ -365,24 +345,18 @@ std::optional<std::string> Peer::ReceiveAll() {
 bool Peer::WaitUntilRead() {
   return Eventually([this] {
     int unread = 0;
-    return ioctl(fd_, SIOCOUTQ, &unread) == 0 && unread == 0;
+    return ioctl(link_->fd(RfcommLink::kDevice), SIOCOUTQ, &unread) == 0 &&
+           unread == 0;
   });
 }
 
 bool Peer::WaitForClose() { return WaitFor(0); }
 
-void Peer::HalfClose() { shutdown(fd_, SHUT_WR); }
+void Peer::Shutdown() { link_->Shutdown(RfcommLink::kDevice); }
 
-void Peer::Close() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
-}
+void Peer::Close() { link_->Close(RfcommLink::kDevice); }
 
-void Peer::Abort() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (fd_ >= 0) shutdown(fd_, SHUT_RDWR);
-}
+void Peer::Lose(int error) { link_->Lose(error); }
 
 // ---------------------------------------------------------------------------
 // FakeRfcomm
@@ -400,7 +374,7 @@ FakeRfcomm::FakeRfcomm() {
 FakeRfcomm::~FakeRfcomm() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& peer : peers_) peer->Abort();
+    for (const auto& peer : peers_) peer->Shutdown();
   }
   JoinDevices();
   for (unsigned char& mark : marks) {
@@ -412,7 +386,29 @@ FakeRfcomm::~FakeRfcomm() {
 
 void FakeRfcomm::AddDevice(const std::string& address, Behaviour behaviour) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  devices_[address].behaviour = std::move(behaviour);
+  Device& device = devices_[address];
+  device.behaviour = std::move(behaviour);
+  device.present = true;
+}
+
+void FakeRfcomm::EndLikeALocalStream() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  local_ends_ = true;
+}
+
+void FakeRfcomm::SetSendLimit(std::chrono::milliseconds limit) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  send_limit_ = limit;
+}
+
+void FakeRfcomm::SetConnectTime(std::chrono::milliseconds duration) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  connect_time_ = duration;
+}
+
+void FakeRfcomm::SetClosingTime(std::chrono::milliseconds duration) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  closing_time_ = duration;
 }
 
 std::shared_ptr<Peer> FakeRfcomm::NextPeer(const std::string& address) {
@@ -541,25 +537,86 @@ int FakeRfcomm::OnSocket(int type) {
   }
   int ends[2];
   if (socketpair(AF_UNIX, type, 0, ends) < 0) return -1;
-  Next(&next.fcntl, "fcntl")(ends[1], F_SETFD, FD_CLOEXEC);
+  for (const int end : ends) {
+    // A local stream holds few messages, however short they are; RFCOMM does
+    // not care.
+    constexpr int kSize = 8 << 20;
+    real::setsockopt(end, SOL_SOCKET, SO_SNDBUF, &kSize, sizeof(kSize));
+  }
+  real::fcntl(ends[1], F_SETFD, reinterpret_cast<void*>(FD_CLOEXEC));
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    record.socket = ++made_;
+    Add(ends[0], std::make_shared<RfcommLink>(ends[0], ends[1]),
+        RfcommLink::kCaller, State::kFresh);
+    record.socket = made_;
     record.fd = ends[0];
-    sockets_[ends[0]] = {made_, ends[1], ""};
-    last_socket_[ends[0]] = made_;
-    SetMark(ends[0], kOurs);
   }
   connecting = true;
   End(std::move(record), ends[0]);
   return ends[0];
 }
 
+void FakeRfcomm::Add(int fd, std::shared_ptr<RfcommLink> link,
+                     RfcommLink::Side side, State state) {
+  if (local_ends_) link->EndLikeALocalStream();
+  link->SetSendLimit(side, send_limit_);
+  Socket& socket = sockets_[fd];
+  socket.number = ++made_;
+  socket.link = std::move(link);
+  socket.side = side;
+  socket.state = state;
+  last_socket_[fd] = made_;
+  SetMark(fd, kOurs);
+}
+
+FakeRfcomm::Socket FakeRfcomm::Find(int fd) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return sockets_.at(fd);
+}
+
+int FakeRfcomm::OnBind(int fd, const void* address, uint32_t length) {
+  if (length < 8) {
+    errno = EINVAL;
+    return -1;
+  }
+  const std::string text =
+      AddressText(static_cast<const unsigned char*>(address) + 2);
+  const std::lock_guard<std::mutex> lock(mutex_);
+  sockets_.at(fd).address = text;
+  devices_[text];
+  return 0;
+}
+
+int FakeRfcomm::OnListen(int fd) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Socket& socket = sockets_.at(fd);
+  socket.state = State::kListening;
+  devices_[socket.address].listener = fd;
+  return 0;
+}
+
+// Each connection that waits is a byte to be read on the listening descriptor.
+int FakeRfcomm::OnAccept(int fd) {
+  CallRecord record = Begin(Call::kAccept, fd, 0);
+  char byte;
+  ssize_t result = real::recv(fd, &byte, 1, 0);
+  if (result > 0) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    auto& waiting = sockets_.at(fd).waiting;
+    const std::shared_ptr<RfcommLink> link = waiting.front();
+    waiting.pop_front();
+    result = link->fd(RfcommLink::kDevice);
+    Add(static_cast<int>(result), link, RfcommLink::kDevice, State::kConnected);
+  }
+  End(std::move(record), result);
+  return static_cast<int>(result);
+}
+
 int FakeRfcomm::OnEventfd(unsigned count, int flags) {
   const Step step = NextStep(Call::kEventfd, -1);
   CallRecord record = Begin(Call::kEventfd, -1, flags);
   const int result = step.result ? static_cast<int>(*step.result)
-                                 : Next(&next.eventfd, "eventfd")(count, flags);
+                                 : real::eventfd(count, flags);
   connecting = false;
   if (result >= 0) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -570,6 +627,43 @@ int FakeRfcomm::OnEventfd(unsigned count, int flags) {
   return result;
 }
 
+bool FakeRfcomm::IsTaken(const std::string& address) const {
+  const auto found = channels_.find(address);
+  if (found == channels_.end()) return false;
+  const auto ended_at = found->second->ended_at();
+  return !ended_at || Clock::now() - *ended_at < closing_time_;
+}
+
+// Begins to connect, if it may, and returns the error of the call.
+int FakeRfcomm::BeginConnect(int fd, const std::string& device, bool waits,
+                             const Step& step) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Socket& socket = sockets_.at(fd);
+  int error = step.result && *step.result < 0 ? step.error : 0;
+  if (step.result) {
+    if (error != 0 && error != EINPROGRESS && !(error == EINTR && waits)) {
+      return error;
+    }
+    socket.ready_at = Clock::now();
+  } else {
+    if (socket.state != State::kFresh) return EBADFD;
+    if (IsTaken(device)) return EBUSY;
+    error = EINPROGRESS;
+    socket.ready_at = Clock::now() + connect_time_;
+  }
+  socket.state = State::kConnecting;
+  const auto found = devices_.find(device);
+  if (found == devices_.end()) {
+    if (!step.result) socket.outcome = EHOSTDOWN;
+  } else if (found->second.present || found->second.listener >= 0) {
+    channels_[device] = socket.link;
+    socket.handed_over = true;
+  } else {
+    socket.outcome = ECONNREFUSED;
+  }
+  return error;
+}
+
 int FakeRfcomm::OnConnect(int fd, const void* address, uint32_t length) {
   connecting = false;
   const auto* const bytes = static_cast<const unsigned char*>(address);
@@ -577,35 +671,63 @@ int FakeRfcomm::OnConnect(int fd, const void* address, uint32_t length) {
   record.bytes.assign(reinterpret_cast<const char*>(bytes), length);
   record.status_flags = StatusFlags(fd);
   const std::string device = length >= 8 ? AddressText(bytes + 2) : "";
-  bool known = false;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    sockets_[fd].address = device;
+    sockets_.at(fd).address = device;
     if (keeps_records_) addresses_[record.socket] = device;
-    known = devices_.count(device) != 0;
   }
   const Step step = NextStep(Call::kConnect, fd);
-  int result = 0;
-  if (step.result) {
-    result = static_cast<int>(*step.result);
-  } else if (!known) {
-    errno = EHOSTDOWN;
-    result = -1;
+  const bool before = Find(fd).handed_over;
+  const bool waits = (record.status_flags & O_NONBLOCK) == 0;
+  int error = BeginConnect(fd, device, waits, step);
+  if (!step.result && error == EINPROGRESS && waits) {
+    error = WaitUntilConnected(fd);
   }
-  const bool reached = result == 0 || errno == EINPROGRESS;
+  errno = error;
+  const int result = error == 0 ? 0 : -1;
   End(std::move(record), result);
-  if (reached && known) {
-    const int error = errno;
-    HandOver(fd);
-    errno = error;
-  }
+  if (!before && Find(fd).handed_over) HandOver(fd);
+  errno = error;
   return result;
+}
+
+// Returns EINTR when a signal ends the wait, or what became of it.
+int FakeRfcomm::WaitUntilConnected(int fd) {
+  for (;;) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (Settled(&sockets_.at(fd))) break;
+    }
+    if (real::poll(nullptr, 0, 1) < 0) return errno;
+  }
+  return PendingError(fd);
+}
+
+bool FakeRfcomm::Settled(Socket* socket) {
+  if (socket->state != State::kConnecting) return true;
+  if (Clock::now() < socket->ready_at) return false;
+  socket->state = State::kConnected;
+  if (socket->outcome != 0) socket->link->Lose(socket->outcome);
+  return true;
+}
+
+int FakeRfcomm::PendingError(int fd) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Socket& socket = sockets_.at(fd);
+  return Settled(&socket) ? socket.link->TakeError(socket.side) : 0;
 }
 
 void FakeRfcomm::HandOver(int fd) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  Socket& socket = sockets_[fd];
-  auto peer = std::make_shared<Peer>(std::exchange(socket.peer_fd, -1));
+  const Socket& socket = sockets_.at(fd);
+  Device& device = devices_[socket.address];
+  if (device.listener >= 0) {
+    Socket& listener = sockets_.at(device.listener);
+    listener.waiting.push_back(socket.link);
+    real::send(listener.link->fd(RfcommLink::kDevice), "", 1, MSG_NOSIGNAL);
+    return;
+  }
+  auto peer = std::make_shared<Peer>(socket.link);
   if (!keeps_records_) {
     const auto unused = [](const auto& other) {
       return other.use_count() == 1;
@@ -614,7 +736,6 @@ void FakeRfcomm::HandOver(int fd) {
                  peers_.end());
   }
   peers_.push_back(peer);
-  Device& device = devices_[socket.address];
   if (!device.behaviour) {
     device.waiting.push_back(std::move(peer));
     arrived_.notify_all();
@@ -627,10 +748,41 @@ void FakeRfcomm::HandOver(int fd) {
   });
 }
 
-int FakeRfcomm::OnPoll(int fd, void* fds, unsigned long count, int timeout) {
+short FakeRfcomm::Events(int fd, short wanted) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Socket& socket = sockets_.at(fd);
+  return Settled(&socket) ? socket.link->Events(socket.side, wanted) : 0;
+}
+
+// What the local streams report only says when to look.
+int FakeRfcomm::Poll(pollfd* waits, unsigned long count, int timeout) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout);
+  for (int left = timeout;;) {
+    int result = real::poll(waits, count, left);
+    if (result < 0) return result;
+    result = 0;
+    for (unsigned long i = 0; i < count; ++i) {
+      const int fd = waits[i].fd;
+      if (MarkOf(fd) == kOurs && Find(fd).state != State::kListening) {
+        waits[i].revents = Events(fd, waits[i].events);
+      }
+      if (waits[i].revents != 0) ++result;
+    }
+    if (result > 0) return result;
+    if (timeout >= 0) {
+      const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - Clock::now());
+      if (rest.count() <= 0) return 0;
+      left = static_cast<int>(rest.count());
+    }
+    if (real::poll(nullptr, 0, 1) < 0) return -1;
+  }
+}
+
+int FakeRfcomm::OnPoll(int fd, pollfd* waits, unsigned long count,
+                       int timeout) {
   CallRecord record = Begin(Call::kPoll, fd, timeout);
   record.entries = count;
-  auto* const waits = static_cast<pollfd*>(fds);
   for (unsigned long i = 0; i < count; ++i) {
     if (waits[i].fd == fd) record.events = waits[i].events;
   }
@@ -640,13 +792,13 @@ int FakeRfcomm::OnPoll(int fd, void* fds, unsigned long count, int timeout) {
     result = static_cast<int>(*step.result);
     for (unsigned long i = 0; i < count; ++i) waits[i].revents = 0;
   } else {
-    result = Next(&next.poll, "poll")(waits, count, timeout);
+    result = Poll(waits, count, timeout);
   }
   End(std::move(record), result);
   return result;
 }
 
-ssize_t FakeRfcomm::OnRead(int fd, void* data, size_t size) {
+ssize_t FakeRfcomm::OnRead(int fd, void* data, size_t size, bool waits) {
   CallRecord record = Begin(Call::kRead, fd, static_cast<int64_t>(size));
   record.status_flags = StatusFlags(fd);
   const Step step = NextStep(Call::kRead, fd);
@@ -654,8 +806,10 @@ ssize_t FakeRfcomm::OnRead(int fd, void* data, size_t size) {
   if (step.result) {
     result = *step.result;
   } else {
-    result = Next(&next.read, "read")(
-        fd, data, step.limit == 0 ? size : std::min(size, step.limit));
+    const Socket socket = Find(fd);
+    result = socket.link->Read(
+        socket.side, data, step.limit == 0 ? size : std::min(size, step.limit),
+        waits && (record.status_flags & O_NONBLOCK) == 0);
     if (result > 0) {
       record.bytes.assign(static_cast<const char*>(data),
                           static_cast<size_t>(result));
@@ -673,8 +827,10 @@ ssize_t FakeRfcomm::OnWrite(int fd, const void* data, size_t size) {
   if (step.result) {
     result = *step.result;
   } else {
-    result = Next(&next.write, "write")(
-        fd, data, step.limit == 0 ? size : std::min(size, step.limit));
+    const Socket socket = Find(fd);
+    result = socket.link->Write(
+        socket.side, data, step.limit == 0 ? size : std::min(size, step.limit),
+        (record.status_flags & O_NONBLOCK) == 0);
     if (result > 0) {
       record.bytes.assign(static_cast<const char*>(data),
                           static_cast<size_t>(result));
@@ -687,8 +843,13 @@ ssize_t FakeRfcomm::OnWrite(int fd, const void* data, size_t size) {
 int FakeRfcomm::OnShutdown(int fd, int how) {
   CallRecord record = Begin(Call::kShutdown, fd, how);
   const Step step = NextStep(Call::kShutdown, fd);
-  const int result = step.result ? static_cast<int>(*step.result)
-                                 : Next(&next.shutdown, "shutdown")(fd, how);
+  int result = 0;
+  if (step.result) {
+    result = static_cast<int>(*step.result);
+  } else {
+    const Socket socket = Find(fd);
+    socket.link->Shutdown(socket.side);
+  }
   End(std::move(record), result);
   return result;
 }
@@ -696,15 +857,21 @@ int FakeRfcomm::OnShutdown(int fd, int how) {
 int FakeRfcomm::OnClose(int fd) {
   CallRecord record = Begin(Call::kClose, fd, 0);
   const Step step = NextStep(Call::kClose, fd);
+  const Socket socket = Find(fd);
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const int peer_fd = sockets_[fd].peer_fd;
-    if (peer_fd >= 0) Next(&next.close, "close")(peer_fd);
+    if (socket.state == State::kListening) {
+      devices_[socket.address].listener = -1;
+    }
     sockets_.erase(fd);
     SetMark(fd, kClosed);
   }
+  for (const auto& link : socket.waiting) link->Close(RfcommLink::kDevice);
+  if (socket.side == RfcommLink::kCaller && !socket.handed_over) {
+    socket.link->Close(RfcommLink::kDevice);
+  }
   connecting = false;
-  int result = Next(&next.close, "close")(fd);
+  int result = socket.link->Close(socket.side);
   if (step.result) {
     result = static_cast<int>(*step.result);
     errno = step.error;
@@ -727,7 +894,7 @@ void FakeRfcomm::OnStaleClose(int fd) {
 int FakeRfcomm::OnWakeWrite(int fd, uint64_t value) {
   const Step step = NextStep(Call::kWakeWrite, fd);
   return step.result ? static_cast<int>(*step.result)
-                     : Next(&next.eventfd_write, "eventfd_write")(fd, value);
+                     : real::eventfd_write(fd, value);
 }
 
 int FakeRfcomm::OnWakeClose(int fd) {
@@ -737,7 +904,7 @@ int FakeRfcomm::OnWakeClose(int fd) {
     ++wakes_closed_;
     SetMark(fd, kWakeClosed);
   }
-  const int result = Next(&next.close, "close")(fd);
+  const int result = real::close(fd);
   if (!step.result) return result;
   errno = step.error;
   return static_cast<int>(*step.result);
@@ -756,7 +923,7 @@ int FakeRfcomm::OnFcntl(int fd, int command, void* argument) {
       call = Call::kSetFlags;
       break;
     default:
-      return Next(&next.fcntl, "fcntl")(fd, command, argument);
+      return real::fcntl(fd, command, argument);
   }
   CallRecord record =
       Begin(call, fd,
@@ -764,21 +931,56 @@ int FakeRfcomm::OnFcntl(int fd, int command, void* argument) {
                 ? 0
                 : static_cast<int>(reinterpret_cast<intptr_t>(argument)));
   const Step step = NextStep(call, fd);
-  const int result = step.result
-                         ? static_cast<int>(*step.result)
-                         : Next(&next.fcntl, "fcntl")(fd, command, argument);
+  const int result = step.result ? static_cast<int>(*step.result)
+                                 : real::fcntl(fd, command, argument);
   End(std::move(record), result);
   return result;
 }
 
-int FakeRfcomm::OnPendingError(int fd, int* value) {
+int FakeRfcomm::OnGetOption(int fd, int option, void* value, uint32_t* length) {
+  const auto give = [value, length](const auto& found) {
+    *length = std::min<uint32_t>(*length, sizeof(found));
+    std::memcpy(value, &found, *length);
+    return 0;
+  };
+  switch (option) {
+    case SO_ERROR:
+      break;
+    case SO_SNDBUF:
+    case SO_RCVBUF:
+      return give(kRfcommBufferSize);
+    case SO_SNDTIMEO:
+      return give(Find(fd).send_limit);
+    case SO_RCVTIMEO:
+      return give(timeval{});
+    default:
+      return real::getsockopt(fd, SOL_SOCKET, option, value, length);
+  }
   CallRecord record = Begin(Call::kPendingError, fd, 0);
   const Step step = NextStep(Call::kPendingError, fd);
   const int result = step.result && *step.result < 0 ? -1 : 0;
-  if (result == 0) *value = static_cast<int>(step.result.value_or(0));
-  record.argument = *value;
+  if (result == 0) {
+    record.argument = step.result ? *step.result : PendingError(fd);
+    give(static_cast<int>(record.argument));
+  } else {
+    errno = step.error;
+  }
   End(std::move(record), result);
   return result;
+}
+
+int FakeRfcomm::OnSetOption(int fd, int option, const void* value,
+                            uint32_t length) {
+  if (option != SO_SNDTIMEO || length != sizeof(timeval)) {
+    return real::setsockopt(fd, SOL_SOCKET, option, value, length);
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Socket& socket = sockets_.at(fd);
+  std::memcpy(&socket.send_limit, value, length);
+  socket.link->SetSendLimit(
+      socket.side, std::chrono::seconds(socket.send_limit.tv_sec) +
+                       std::chrono::microseconds(socket.send_limit.tv_usec));
+  return 0;
 }
 
 // ---------------------------------------------------------------------------

@@ -1,16 +1,15 @@
 // RFCOMM without Bluetooth in the kernel. The test program that links this
 // defines libc's socket calls itself, ahead of libc: a socket asked for with
-// AF_BLUETOOTH becomes one end of a local stream pair, and connecting it hands
-// the other end to a scripted device of the test. Every other descriptor goes
-// straight to libc, without a lock and without an allocation.
-//
-// Two differences from the kernel's RFCOMM are kept on purpose, since a local
-// stream has them: a device that closes is read as an end of stream instead of
-// ECONNRESET, and writing to it raises SIGPIPE.
+// AF_BLUETOOTH becomes one end of an RfcommLink, and connecting it hands the
+// other end to a scripted device of the test, or to a socket of this process
+// that listens. Every other descriptor goes straight to libc, without a lock
+// and without an allocation.
 
 #ifndef LUMSO_BLUETOOTH_TESTS_SUPPORT_FAKE_RFCOMM_H_
 #define LUMSO_BLUETOOTH_TESTS_SUPPORT_FAKE_RFCOMM_H_
 
+#include <poll.h>
+#include <sys/time.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -28,6 +27,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/rfcomm_link.h"
+
 namespace lumso_test {
 
 // How long anything here waits before it reports a failure.
@@ -40,9 +41,10 @@ enum class Call {
   kGetFlags,
   kSetFlags,
   kConnect,
+  kAccept,
   kPoll,
   kPendingError,
-  kRead,
+  kRead,  // read(), and recv() without waiting
   kWrite,
   kShutdown,
   kClose,
@@ -90,7 +92,7 @@ inline Step After(std::function<void()> before) {
 // The device's end of one connection. Any thread; every wait has a deadline.
 class Peer {
  public:
-  explicit Peer(int fd) : fd_(fd) {}
+  explicit Peer(std::shared_ptr<RfcommLink> link) : link_(std::move(link)) {}
   ~Peer() { Close(); }
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
@@ -108,18 +110,17 @@ class Peer {
   bool WaitUntilRead();
   // Waits until the other side has closed its descriptor; reads nothing.
   bool WaitForClose();
-  // Ends the device's sending side only.
-  void HalfClose();
+  // Ends both directions and keeps the descriptor.
+  void Shutdown();
   void Close();
-  // Ends every wait, as if the other side had closed.
-  void Abort();
+  // The radio link is lost: the other side gets `error`.
+  void Lose(int error);
 
  private:
   // Waits for `events`; false at the deadline.
   bool WaitFor(short events);
 
-  std::mutex mutex_;  // guards closing against Abort() from another thread
-  int fd_;
+  const std::shared_ptr<RfcommLink> link_;
 };
 
 // The air: every RFCOMM socket of the process while it exists. One at a time.
@@ -137,13 +138,24 @@ class FakeRfcomm {
 
   // Puts a device on the air, or gives the one there another behaviour.
   // Without a behaviour its connections wait for NextPeer(). To an address
-  // without a device, connecting fails with EHOSTDOWN.
+  // without a device, connecting fails with EHOSTDOWN; to one whose channel is
+  // open or still closing, with EBUSY.
   void AddDevice(const std::string& address, Behaviour behaviour = nullptr);
   // Waits for the next connection to `address`; null at the deadline.
   std::shared_ptr<Peer> NextPeer(const std::string& address);
 
   // Waits until the behaviours begun so far have returned.
   void JoinDevices();
+
+  // From now on a stream that the device ended is read as 0, and writing to it
+  // raises SIGPIPE: what a local stream does, and RFCOMM does not.
+  void EndLikeALocalStream();
+  // How long a write waits for room; 30 s as in the kernel unless set.
+  void SetSendLimit(std::chrono::milliseconds limit);
+  // How long a connection takes to come about; nothing unless set.
+  void SetConnectTime(std::chrono::milliseconds duration);
+  // How long a channel stays taken after its end; nothing unless set.
+  void SetClosingTime(std::chrono::milliseconds duration);
 
   // The next calls of that kind take these steps, then the rest pass: on
   // sockets connected (or connecting) to `address`, or on any socket. What
@@ -173,10 +185,13 @@ class FakeRfcomm {
 
   // For the interposed calls; see the source.
   int OnSocket(int type);
+  int OnBind(int fd, const void* address, uint32_t length);
+  int OnListen(int fd);
+  int OnAccept(int fd);
   int OnConnect(int fd, const void* address, uint32_t length);
   int OnEventfd(unsigned count, int flags);
-  int OnPoll(int fd, void* fds, unsigned long count, int timeout);
-  ssize_t OnRead(int fd, void* data, size_t size);
+  int OnPoll(int fd, pollfd* waits, unsigned long count, int timeout);
+  ssize_t OnRead(int fd, void* data, size_t size, bool waits);
   ssize_t OnWrite(int fd, const void* data, size_t size);
   int OnShutdown(int fd, int how);
   int OnClose(int fd);
@@ -184,24 +199,50 @@ class FakeRfcomm {
   int OnWakeWrite(int fd, uint64_t value);
   int OnWakeClose(int fd);
   int OnFcntl(int fd, int command, void* argument);
-  int OnPendingError(int fd, int* value);
+  int OnGetOption(int fd, int option, void* value, uint32_t* length);
+  int OnSetOption(int fd, int option, const void* value, uint32_t length);
 
  private:
+  using Clock = std::chrono::steady_clock;
+
+  enum class State { kFresh, kListening, kConnecting, kConnected };
+
   struct Socket {
     int number;
-    int peer_fd;  // -1 once it was handed to a device
-    std::string address;
+    std::shared_ptr<RfcommLink> link;
+    RfcommLink::Side side;
+    std::string address;  // connected to, or bound to
+    State state = State::kFresh;
+    bool handed_over = false;  // somebody has the other end
+    int outcome = 0;           // while it connects: the error to come
+    Clock::time_point ready_at = {};
+    timeval send_limit = {kRfcommSendLimit.count(), 0};  // as told
+    std::deque<std::shared_ptr<RfcommLink>> waiting;     // while it listens
   };
   struct Device {
     Behaviour behaviour;
     std::deque<std::shared_ptr<Peer>> waiting;
+    bool present = false;  // scripted by the test
+    int listener = -1;     // or a socket of this process
   };
 
   CallRecord Begin(Call call, int fd, int64_t argument) const;
   void End(CallRecord record, int64_t result);
   Step NextStep(Call call, int fd);
-  // Hands the device's end of a socket over; takes the lock.
+  // These take the lock.
+  Socket Find(int fd) const;
   void HandOver(int fd);
+  short Events(int fd, short wanted);
+  int PendingError(int fd);
+  int BeginConnect(int fd, const std::string& device, bool waits,
+                   const Step& step);
+  int WaitUntilConnected(int fd);
+  int Poll(pollfd* waits, unsigned long count, int timeout);
+  // These want the lock.
+  bool Settled(Socket* socket);
+  bool IsTaken(const std::string& address) const;
+  void Add(int fd, std::shared_ptr<RfcommLink> link, RfcommLink::Side side,
+           State state);
 
   mutable std::mutex mutex_;  // guards everything below
   std::condition_variable arrived_;
@@ -217,6 +258,12 @@ class FakeRfcomm {
   int wakes_made_ = 0;
   int wakes_closed_ = 0;
   bool keeps_records_ = true;
+  // The last stream to each address.
+  std::map<std::string, std::shared_ptr<RfcommLink>> channels_;
+  bool local_ends_ = false;
+  std::chrono::microseconds send_limit_ = kRfcommSendLimit;
+  std::chrono::milliseconds connect_time_{0};
+  std::chrono::milliseconds closing_time_{0};
 };
 
 // Holds the sleeps of background threads. While one exists, nanosleep on any

@@ -2,8 +2,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -125,8 +128,6 @@ std::string Pattern(size_t count) {
 
 class RfcommConnectionTest : public testing::Test {
  protected:
-  void SetUp() override { signal(SIGPIPE, SIG_IGN); }
-
   // Connects `connection_` to a device and returns the device's end.
   std::shared_ptr<Peer> Open() {
     fake_.AddDevice(kAddress);
@@ -315,7 +316,7 @@ TEST_F(Connect, ReportsAFailedWakeDescriptorLikeAFailedSocket) {
 TEST_F(Connect, ReportsAFailedConnectionAndClosesTheSocket) {
   int failures = 0;
   for (const int error : {ECONNREFUSED, EHOSTDOWN, EHOSTUNREACH, EBUSY,
-                          ETIMEDOUT, EINPROGRESS, EINTR, ENETUNREACH}) {
+                          ETIMEDOUT, EINPROGRESS, ENETUNREACH}) {
     const size_t descriptors = CountDescriptors();
     fake_.Script(kAddress, Call::kConnect, {Fail(error)});
     RfcommConnection connection;
@@ -327,6 +328,93 @@ TEST_F(Connect, ReportsAFailedConnectionAndClosesTheSocket) {
     EXPECT_EQ(CountDescriptors(), descriptors);
     EXPECT_EQ(fake_.sockets(), ++failures);
     EXPECT_TRUE(fake_.EachClosedOnce());
+  }
+}
+
+// A handler that runs ends connect(), not the attempt.
+TEST_F(Connect, WaitsForTheOutcomeOfAnInterruptedAttempt) {
+  fake_.AddDevice(kAddress);
+  fake_.Script(kAddress, Call::kConnect, {Fail(EINTR)});
+  fake_.Script(kAddress, Call::kPoll, {Fail(EINTR), Fail(EINTR), Pass()});
+  EXPECT_EQ(StderrOf([&] { EXPECT_TRUE(connection_.Connect(kAddress)); }), "");
+  EXPECT_EQ(fake_.count(Call::kConnect), 1u);
+  const auto polls = fake_.calls(Call::kPoll);
+  ASSERT_EQ(polls.size(), 3u);
+  for (const CallRecord& poll : polls) {
+    EXPECT_EQ(poll.events, POLLOUT);
+    EXPECT_EQ(poll.argument, -1) << "milliseconds";
+    EXPECT_EQ(poll.entries, 1u);
+  }
+  EXPECT_EQ(fake_.count(Call::kPendingError), 1u);
+  const auto peer = fake_.NextPeer(kAddress);
+  EXPECT_TRUE(Send("connected"));
+  EXPECT_EQ(peer->Receive(9), "connected");
+}
+
+TEST_F(Connect, ReportsTheOutcomeOfAnInterruptedAttemptThatFails) {
+  for (const int error : {ECONNREFUSED, EHOSTDOWN, ETIMEDOUT, EINTR}) {
+    const size_t descriptors = CountDescriptors();
+    fake_.Script(kAddress, Call::kConnect, {Fail(EINTR)});
+    fake_.Script(kAddress, Call::kPendingError, {Return(error)});
+    RfcommConnection connection;
+    bool connected = true;
+    EXPECT_EQ(StderrOf([&] { connected = connection.Connect(kAddress); }),
+              std::string("lumso_bluetooth: RFCOMM connect to ") + kAddress +
+                  " failed: " + strerror(error) + "\n");
+    EXPECT_FALSE(connected);
+    EXPECT_EQ(CountDescriptors(), descriptors);
+  }
+  EXPECT_TRUE(fake_.EachClosedOnce());
+}
+
+TEST_F(Connect, ReportsAFailedWaitForTheOutcome) {
+  fake_.AddDevice(kAddress);
+  fake_.Script(kAddress, Call::kConnect, {Fail(EINTR)});
+  fake_.Script(kAddress, Call::kPoll, {Fail(ENOMEM)});
+  EXPECT_EQ(StderrOf([&] { EXPECT_FALSE(connection_.Connect(kAddress)); }),
+            std::string("lumso_bluetooth: RFCOMM connect to ") + kAddress +
+                " failed: " + strerror(ENOMEM) + "\n");
+  EXPECT_TRUE(fake_.EachClosedOnce());
+}
+
+// Fires SIGALRM every millisecond while it exists.
+class AlarmStorm {
+ public:
+  explicit AlarmStorm(int flags) {
+    handled = 0;
+    struct sigaction action = {};
+    action.sa_handler = [](int) { handled = handled + 1; };
+    action.sa_flags = flags;
+    sigaction(SIGALRM, &action, &before_);
+    const itimerval often = {{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+  }
+  ~AlarmStorm() {
+    const itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before_, nullptr);
+  }
+  AlarmStorm(const AlarmStorm&) = delete;
+  AlarmStorm& operator=(const AlarmStorm&) = delete;
+
+  static volatile sig_atomic_t handled;
+
+ private:
+  struct sigaction before_ = {};
+};
+
+volatile sig_atomic_t AlarmStorm::handled;
+
+TEST_F(Connect, SucceedsInAStormOfSignals) {
+  fake_.AddDevice(kAddress);
+  fake_.SetConnectTime(milliseconds(100));
+  for (const int flags : {0, SA_RESTART}) {
+    const AlarmStorm storm(flags);
+    RfcommConnection connection;
+    EXPECT_EQ(StderrOf([&] { EXPECT_TRUE(connection.Connect(kAddress)); }), "");
+    EXPECT_GT(AlarmStorm::handled, 2);
+    EXPECT_EQ(fake_.calls(Call::kConnect).back().error, EINTR);
+    EXPECT_NE(fake_.NextPeer(kAddress), nullptr);
   }
 }
 
@@ -397,6 +485,34 @@ TEST_F(Start, RunsOneReaderThreadUntilClose) {
       Eventually([] { return CountThreadsNamed("lumso-reader") == 1; }));
   connection_.Close();
   EXPECT_TRUE(Eventually([&] { return CountThreads() == threads; }));
+}
+
+// Every signal that can be blocked, as bits.
+uint64_t BlockedSignals() {
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  uint64_t bits = 0;
+  for (int number = 1; number < 64; ++number) {
+    if (sigismember(&mask, number) == 1) bits |= uint64_t{1} << number;
+  }
+  return bits;
+}
+
+TEST_F(Start, GivesTheReaderNoneOfTheHostsSignals) {
+  const auto peer = Open();
+  const uint64_t before = BlockedSignals();
+  uint64_t blocked = 0;
+  connection_.Start([&](const uint8_t*, size_t, bool end) {
+    if (end) blocked = BlockedSignals();
+  });
+  EXPECT_EQ(BlockedSignals(), before);
+  connection_.Close();
+  for (int number = 1; number < SIGRTMIN; ++number) {
+    // These two can not be blocked, and what follows SIGSYS is libc's.
+    if (number == SIGKILL || number == SIGSTOP || number > SIGSYS) continue;
+    EXPECT_NE(blocked & (uint64_t{1} << number), 0u) << strsignal(number);
+  }
+  EXPECT_EQ(before & (uint64_t{1} << SIGTERM), 0u);
 }
 
 TEST_F(Start, TakesAnEmptyCallback) {
@@ -476,7 +592,8 @@ TEST_F(ReadLoop, DoesNotJoinShortReads) {
             (std::vector<std::string>{"abc", "d", "ef", "gh"}));
 }
 
-TEST_F(ReadLoop, EndsOnceAndSilentlyWhenThePeerCloses) {
+TEST_F(ReadLoop, EndsOnceAndSilentlyAtTheEndOfTheStream) {
+  fake_.EndLikeALocalStream();
   const auto peer = Open();
   ASSERT_TRUE(peer->Send("bye"));
   peer->Close();
@@ -489,6 +606,106 @@ TEST_F(ReadLoop, EndsOnceAndSilentlyWhenThePeerCloses) {
   EXPECT_EQ(received_.bytes(), "bye");
   EXPECT_EQ(received_.ends(), 1);
   EXPECT_EQ(received_.faults(), 0);
+}
+
+TEST_F(ReadLoop, DeliversWhatIsQueuedBeforeTheEnd) {
+  constexpr size_t kQueued = 20000;
+  int streams = 0;
+  for (const auto end : {+[](Peer* peer) { peer->Close(); },
+                         +[](Peer* peer) { peer->Shutdown(); },
+                         +[](Peer* peer) { peer->Lose(ECONNRESET); }}) {
+    fake_.AddDevice(kAddress);
+    Received received;
+    RfcommConnection connection;
+    ASSERT_TRUE(connection.Connect(kAddress));
+    const auto peer = fake_.NextPeer(kAddress);
+    ASSERT_TRUE(peer->Send(Pattern(kQueued)));
+    end(peer.get());
+    EXPECT_EQ(StderrOf([&] {
+                connection.Start(received.callback());
+                EXPECT_TRUE(received.WaitForEnd());
+                connection.Close();
+              }),
+              "lumso_bluetooth: RFCOMM read error: Connection reset by peer\n");
+    EXPECT_EQ(received.bytes(), Pattern(kQueued));
+    EXPECT_EQ(received.ends(), 1);
+    EXPECT_EQ(received.faults(), 0);
+    ++streams;
+  }
+  EXPECT_EQ(streams, 3);
+}
+
+// The kernel tells of the end once. A write() that was told leaves a stream of
+// which a read() hears nothing more.
+TEST_F(ReadLoop, EndsSilentlyWhenAWriteWasToldOfTheEnd) {
+  const auto peer = Open();
+  ASSERT_TRUE(peer->Send("last words"));
+  std::atomic<bool> told{false};
+  fake_.Script(
+      kAddress, Call::kPoll,
+      {After([&] { EXPECT_TRUE(Eventually([&] { return told.load(); })); })});
+  EXPECT_EQ(StderrOf([&] {
+              connection_.Start(received_.callback());
+              peer->Close();
+              EXPECT_FALSE(Send("x"));
+              told = true;
+              EXPECT_TRUE(received_.WaitForEnd());
+              connection_.Close();
+            }),
+            "lumso_bluetooth: RFCOMM write error: Connection reset by peer\n");
+  EXPECT_EQ(received_.bytes(), "last words");
+  EXPECT_EQ(received_.ends(), 1);
+  EXPECT_EQ(received_.faults(), 0);
+}
+
+// Here reader and writer are told in any order.
+TEST_F(ReadLoop, EndsWhenTheStreamEndsUnderABlockedWrite) {
+  int streams = 0;
+  for (int round = 0; round < 20; ++round) {
+    for (const auto end : {+[](Peer* peer) { peer->Close(); },
+                           +[](Peer* peer) { peer->Lose(ECONNRESET); }}) {
+      fake_.AddDevice(kAddress);
+      Received received;
+      RfcommConnection connection;
+      ASSERT_TRUE(connection.Connect(kAddress));
+      const auto peer = fake_.NextPeer(kAddress);
+      connection.Start(received.callback());
+      StderrOf([&] {
+        const size_t before = fake_.count(Call::kWrite);
+        std::thread device([&] {
+          EXPECT_TRUE(Eventually([&] {
+            return fake_.count(Call::kWrite) - before >=
+                   lumso_test::kRfcommCapacity / 4096;
+          }));
+          end(peer.get());
+        });
+        const std::string sent = Pattern(2 * lumso_test::kRfcommCapacity);
+        EXPECT_FALSE(connection.Write(
+            reinterpret_cast<const uint8_t*>(sent.data()), sent.size()));
+        device.join();
+        EXPECT_TRUE(received.WaitForEnd());
+        connection.Close();
+      });
+      EXPECT_EQ(received.ends(), 1);
+      EXPECT_EQ(received.faults(), 0);
+      ++streams;
+    }
+  }
+  EXPECT_EQ(streams, 40);
+  EXPECT_TRUE(fake_.EachClosedOnce());
+}
+
+// A host that closes descriptors it does not own must not get a thread that
+// spins.
+TEST_F(ReadLoop, EndsWhenItsWakeUpIsNoDescriptorAnyMore) {
+  const auto peer = Open();
+  StartAndBlock();
+  ASSERT_EQ(syscall(SYS_close, fake_.calls(Call::kEventfd).at(0).result), 0);
+  ASSERT_TRUE(peer->Send("one more"));
+  EXPECT_TRUE(received_.WaitForEnd());
+  EXPECT_LE(fake_.count(Call::kPoll), 3u);
+  connection_.Close();
+  EXPECT_EQ(received_.ends(), 1);
 }
 
 TEST_F(ReadLoop, KeepsTheDescriptorAfterThePeerClosed) {
@@ -695,8 +912,8 @@ TEST_F(Write, FailsWithAMessageEachTimeOnceThePeerIsGone) {
   peer->Close();
   ASSERT_TRUE(received_.WaitForEnd());
   const std::string message =
-      std::string("lumso_bluetooth: RFCOMM write error: ") + strerror(EPIPE) +
-      "\n";
+      std::string("lumso_bluetooth: RFCOMM write error: ") +
+      strerror(ENOTCONN) + "\n";
   EXPECT_EQ(StderrOf([&] {
               EXPECT_FALSE(Send("a"));
               EXPECT_FALSE(Send("b"));
@@ -709,6 +926,7 @@ TEST_F(Write, LeavesSigpipeToTheHost) {
   static volatile sig_atomic_t raised;
   raised = 0;
   signal(SIGPIPE, [](int) { raised = raised + 1; });
+  fake_.EndLikeALocalStream();
   const auto peer = Open();
   peer->Close();
   StderrOf([&] { EXPECT_FALSE(Send("a")); });

@@ -37,6 +37,16 @@ RFCOMM_PSM = "3"
 BLUETOOTHD = "/usr/libexec/bluetooth/bluetoothd"
 
 
+def slow_controllers():
+    """Lets the emulator run only when nothing else wants to.
+
+    It answers in less time than any radio, often before connect() has begun
+    to wait: of a failure the kernel then learns only 30 s later.
+    """
+    emulator = int(os.environ["BTVIRT_PID"])
+    os.sched_setscheduler(emulator, os.SCHED_IDLE, os.sched_param(0))
+
+
 class Trouble(Story):
     def __init__(self, options):
         options.here = None
@@ -403,17 +413,8 @@ class Trouble(Story):
             status = self.host.end()
             check(status == 0, f"lumso_host ended with status {status}")
 
-    def slow_controllers(self):
-        """Lets the emulator run only when nothing else wants to.
-
-        It answers in less time than any radio, often before connect() has begun
-        to wait: of a failure the kernel then learns only 30 s later.
-        """
-        emulator = int(os.environ["BTVIRT_PID"])
-        os.sched_setscheduler(emulator, os.SCHED_IDLE, os.sched_param(0))
-
     def run(self):
-        self.slow_controllers()
+        slow_controllers()
         self.start()
         self.reconnect()
         self.bulk()
