@@ -1,7 +1,6 @@
 #include "tests/load/load_test.h"
 
 #include <malloc.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -117,11 +116,6 @@ LoadTest::LoadTest() {
   random.seed(seed);
   Note("seed " + std::to_string(seed) + ", " +
        LongOrShort("long form", "short form"));
-}
-
-void LoadTest::SetUp() {
-  // A local stream raises it where RFCOMM does not.
-  signal(SIGPIPE, SIG_IGN);
 }
 
 void LoadTest::TearDown() {

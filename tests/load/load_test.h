@@ -63,7 +63,6 @@ class LoadTest : public BusTest {
 
   LoadTest();
 
-  void SetUp() override;
   void TearDown() override;
 
   // Runs what is queued to the main loop, then looks around.

@@ -516,10 +516,11 @@ Step FakeRfcomm::NextStep(Call call, int fd) {
     const std::string address =
         socket == sockets_.end() ? "" : socket->second.address;
     for (const std::string& key : {address, std::string()}) {
-      auto& queue = scripts_[{key, call}];
-      if (queue.empty()) continue;
-      step = std::move(queue.front());
-      queue.pop_front();
+      const auto found = scripts_.find({key, call});
+      if (found == scripts_.end()) continue;
+      step = std::move(found->second.front());
+      found->second.pop_front();
+      if (found->second.empty()) scripts_.erase(found);
       break;
     }
   }
