@@ -102,6 +102,7 @@ void main() {
     await state.cancelled;
     expect(state.listens, 1);
     expect(state.cancels, 1);
+    expect(adapter.states, same(adapter.states));
   });
 
   test('listens again after its last listener has gone', () async {

@@ -118,6 +118,8 @@ void main() {
     await channel.cancelled;
     expect(channel.listens, 1);
     expect(channel.cancels, 1);
+    expect(discovery.events, same(discovery.events));
+    expect(discovery.devices, same(discovery.devices));
   });
 
   test('listens again after its last listener has gone', () async {

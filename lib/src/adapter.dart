@@ -32,7 +32,8 @@ class BluetoothAdapter {
 
   static final Stream<BluetoothAdapterState> _states = BluetoothChannels.state
       .receiveBroadcastStream()
-      .map((Object? event) => BluetoothAdapterState.fromValue(event as int?));
+      .map((Object? event) => BluetoothAdapterState.fromValue(event as int?))
+      .distinct();
 
   /// Whether there is an adapter. Ask once: the answer does not change while
   /// the application runs.
@@ -63,7 +64,7 @@ class BluetoothAdapter {
   /// A broadcast stream for any number of listeners. While nobody else listens,
   /// a listener gets the present state first; a later one gets the next change
   /// and asks [getState] for the present. Nothing comes without an adapter.
-  Stream<BluetoothAdapterState> get states => _states.distinct();
+  Stream<BluetoothAdapterState> get states => _states;
 
   Future<String?> _text(String method) async {
     final String? text = await BluetoothChannels.invoke<String>(method);

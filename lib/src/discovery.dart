@@ -106,6 +106,10 @@ class BluetoothDiscovery {
         : null;
     return <DiscoveryEvent>[if (event != null) event];
   });
+  static final Stream<BluetoothDevice> _reported =
+      _events.expand((DiscoveryEvent event) => <BluetoothDevice>[
+            if (event is DeviceReport) event.device,
+          ]);
 
   /// Devices of all adapters as they appear and change, with discovery on or
   /// off, and what the prober finds out.
@@ -116,10 +120,7 @@ class BluetoothDiscovery {
   Stream<DiscoveryEvent> get events => _events;
 
   /// The devices of the [DeviceReport]s among [events].
-  Stream<BluetoothDevice> get devices =>
-      _events.expand((DiscoveryEvent event) => <BluetoothDevice>[
-            if (event is DeviceReport) event.device,
-          ]);
+  Stream<BluetoothDevice> get devices => _reported;
 
   /// Whether the adapter looks for devices, whoever told it to. Does not block.
   Future<bool> isDiscovering() => BluetoothChannels.request('isDiscovering');
