@@ -1,5 +1,3 @@
-import 'dart:async';
-
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
@@ -70,25 +68,25 @@ void main() {
     await channel.cancelled;
   });
 
-  test('begins an empty map for each listener', () async {
+  test('begins each stream with an empty map', () async {
     final MockStream channel = MockStream(BluetoothChannels.discovery);
-    final Stream<Map<String, int>> readings = prober.readings;
-    final List<Map<String, int>> all = <Map<String, int>>[];
-    final StreamSubscription<Map<String, int>> subscription =
-        readings.listen(all.add);
+    final Future<List<Map<String, int>>> both =
+        prober.readings.take(2).toList();
     final MockStreamHandlerEventSink events = await channel.events;
 
-    final Future<Map<String, int>> first = readings.first;
+    final Future<Map<String, int>> first = prober.readings.first;
     events.success(reading(scale, -61));
     expect(await first, <String, int>{scale: -61});
 
-    final Future<Map<String, int>> second = readings.first;
+    final Future<Map<String, int>> second = prober.readings.first;
     events.success(reading(thermometer, -70));
     expect(await second, <String, int>{thermometer: -70});
 
-    await subscription.cancel();
+    expect(await both, <Map<String, int>>[
+      <String, int>{scale: -61},
+      <String, int>{scale: -61, thermometer: -70},
+    ]);
     await channel.cancelled;
-    expect(all.last, <String, int>{scale: -61, thermometer: -70});
     expect(channel.listens, 1);
     expect(channel.cancels, 1);
   });

@@ -1,5 +1,3 @@
-import 'dart:async';
-
 import 'channels.dart';
 import 'discovery.dart';
 
@@ -26,30 +24,16 @@ class BluetoothProber {
   /// The devices' latest readings in dBm by address: a new map after each
   /// reading and each loss, which takes the device out of it.
   ///
-  /// A broadcast stream; each listener's map begins empty. The maps cannot be
-  /// changed.
-  Stream<Map<String, int>> get readings => Stream<Map<String, int>>.multi(
-        (MultiStreamController<Map<String, int>> controller) {
-          final Map<String, int> latest = <String, int>{};
-          void update(DiscoveryEvent event) {
-            if (event is SignalReading) {
-              latest[event.address] = event.rssi;
-            } else if (event is DeviceLoss) {
-              latest.remove(event.address);
-            } else {
-              return;
-            }
-            controller.add(Map<String, int>.unmodifiable(latest));
-          }
-
-          final StreamSubscription<DiscoveryEvent> subscription =
-              const BluetoothDiscovery().events.listen(
-                    update,
-                    onError: controller.addError,
-                    onDone: controller.close,
-                  );
-          controller.onCancel = subscription.cancel;
-        },
-        isBroadcast: true,
-      );
+  /// Another stream each time, for one listener; it begins with an empty map.
+  /// The maps cannot be changed.
+  Stream<Map<String, int>> get readings {
+    final Map<String, int> latest = <String, int>{};
+    return const BluetoothDiscovery().events.expand((DiscoveryEvent event) {
+      if (event is SignalReading) latest[event.address] = event.rssi;
+      if (event is DeviceLoss) latest.remove(event.address);
+      return <Map<String, int>>[
+        if (event is! DeviceReport) Map<String, int>.unmodifiable(latest),
+      ];
+    });
+  }
 }

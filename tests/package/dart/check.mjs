@@ -83,8 +83,8 @@ function checkExports() {
 // Which names of Dart's own libraries make an import necessary, as far as this
 // package knows them.
 const ownLibraries = {
-  'dart:async': ['Completer', 'FutureOr', 'MultiStreamController', 'StreamController',
-    'StreamSubscription', 'Timer', 'unawaited'],
+  'dart:async': ['Completer', 'FutureOr', 'StreamController', 'StreamSubscription',
+    'Timer', 'unawaited'],
   'dart:convert': ['LineSplitter', 'Utf8Decoder', 'utf8'],
 };
 
