@@ -33,7 +33,8 @@ function dartFiles(folder = '') {
 
 const read = (name) => fs.readFileSync(path.join(root, name), 'utf8');
 const files = new Map(dartFiles().map((name) => [name, parse(read(name))]));
-const blocks = ['README.md', 'docs/dart.md'].flatMap((page) =>
+const pages = ['README.md', 'docs/dart.md'];
+const blocks = pages.flatMap((page) =>
   dartBlocks(read(page)).map((block) => ({ page, ...block, tree: parse(block.source) })));
 
 const library = 'lib/lumso_bluetooth.dart';
@@ -50,7 +51,7 @@ function checkSyntax() {
   for (const [name, tree] of files) {
     failures.push(...syntaxErrors(tree).map((error) => `${name}: ${error}`));
   }
-  for (const page of ['README.md', 'docs/dart.md']) {
+  for (const page of pages) {
     check(blocks.some((block) => block.page === page), `${page} shows no Dart code`);
   }
   for (const { page, firstLine, tree } of blocks) {
@@ -80,12 +81,17 @@ function checkExports() {
       `${library} exports ${exported}`);
 }
 
-// Which names of Dart's own libraries make an import necessary, as far as this
-// package knows them.
-const ownLibraries = {
+// Which names of Dart's and Flutter's libraries make an import necessary. Only
+// these count as a use of it.
+const otherLibraries = {
   'dart:async': ['Completer', 'FutureOr', 'StreamController', 'StreamSubscription',
     'Timer', 'unawaited'],
   'dart:convert': ['LineSplitter', 'Utf8Decoder', 'utf8'],
+  'package:flutter/foundation.dart': ['immutable', 'kDebugMode'],
+  'package:flutter/material.dart': ['MaterialApp', 'StatefulWidget', 'StatelessWidget'],
+  'package:flutter/services.dart': ['EventChannel', 'MethodCall', 'MethodChannel',
+    'MissingPluginException', 'PlatformException'],
+  'package:flutter_test/flutter_test.dart': ['addTearDown', 'expect', 'testWidgets'],
 };
 
 function checkImports() {
@@ -99,7 +105,7 @@ function checkImports() {
       check(imported.has(uri) === needed.length > 0, imported.has(uri) ?
           `${name}: imports ${uri} in vain` : `${name}: uses ${needed} without ${uri}`);
     };
-    for (const [uri, names] of Object.entries(ownLibraries)) compare(uri, names);
+    for (const [uri, names] of Object.entries(otherLibraries)) compare(uri, names);
     if (name.startsWith('lib/src/')) {
       for (const [other, classes] of declared) {
         if (classes !== own) compare(other, classes.map((each) => each.name));
@@ -117,16 +123,13 @@ function checkImports() {
 }
 
 // Whoever names a class of the library, or a member after it, has to get the
-// name right. What an object of it is asked for is not looked at.
+// name right, in prose as well. What an object of it is asked for is not looked
+// at.
 function checkUses() {
   const members = new Map(publicClasses.map((each) =>
     [each.name, new Set(['values', ...each.members.map((one) => one.name.split('.').pop())])]));
-  const texts = [
-    ...[...files.keys()].map((name) => [name, read(name)]),
-    ...blocks.map(({ page, source }) => [page, source]),
-  ];
-  for (const [name, text] of texts) {
-    for (const [, owner, member] of text.matchAll(/\b(Bluetooth[A-Z]\w*)(?:\.(\w+))?/g)) {
+  for (const name of [...files.keys(), ...pages]) {
+    for (const [, owner, member] of read(name).matchAll(/\b(Bluetooth[A-Z]\w*)(?:\.(\w+))?/g)) {
       check(members.has(owner), `${name}: there is no ${owner}`);
       check(!member || !members.has(owner) || members.get(owner).has(member),
           `${name}: there is no ${owner}.${member}`);
