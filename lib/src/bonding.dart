@@ -6,6 +6,9 @@ import 'device.dart';
 /// The plug-in's agent asks nobody: it accepts confirmations and
 /// authorizations, and rejects a request for a PIN code or a passkey. A device
 /// that wants one is paired once with the desktop's own dialogue.
+///
+/// Every request blocks until the daemon has answered, all but [bond] mostly
+/// for milliseconds.
 class BluetoothBonding {
   /// The adapter's bonds.
   const BluetoothBonding();

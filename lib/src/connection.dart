@@ -105,9 +105,10 @@ class BluetoothConnection {
   /// What the device sends, in pieces of 1 to 2,048 bytes.
   ///
   /// For one listener, at any time: what arrives before it, or while it pauses,
-  /// is kept in memory, and nothing slows the device down. The stream ends when
-  /// the device closes, when the link is lost, and after [close]; in the first
-  /// two cases call [close] as well. It carries no errors.
+  /// is kept in memory, and nothing slows the device down. A listener that
+  /// leaves closes nothing; what arrives then is lost. The stream ends when the
+  /// device closes, when the link is lost, and after [close]; in the first two
+  /// cases call [close] as well. It carries no errors.
   Stream<Uint8List> get received => _received.stream;
 
   /// [received] as lines of text: UTF-8, ended by `\n`, `\r\n` or `\r`, which
@@ -120,8 +121,8 @@ class BluetoothConnection {
       .transform(const Utf8Decoder(allowMalformed: true))
       .transform(const LineSplitter());
 
-  /// Sends [bytes]; of each number the lowest eight bits. True when all were
-  /// taken, at once for none.
+  /// Sends [bytes], the lowest eight bits of each number. True when all of them
+  /// were taken; an empty list is, without a request.
   ///
   /// Blocks while the device does not take them: since Flutter 3.39 all Dart
   /// code of the application, before it the window only. A megabyte takes
@@ -141,8 +142,8 @@ class BluetoothConnection {
   /// Sends [text] as UTF-8, as [write] does. Adds no line end.
   Future<bool> writeText(String text) => write(utf8.encode(text));
 
-  /// Closes the connection and ends [received], which the plug-in does not do
-  /// then. True when it was open, also after the device had closed it.
+  /// Closes the connection and ends [received]. True when there was one to
+  /// close, also after the device had closed its side.
   ///
   /// May be called again: that changes nothing and gives the same answer. A
   /// device may take about 20 milliseconds until it accepts the next
@@ -155,7 +156,8 @@ class BluetoothConnection {
     try {
       return await _disconnect(id);
     } finally {
-      // Completes when the application has heard of it, so perhaps never.
+      // The plug-in sends no end of stream after a disconnect. The future
+      // completes when the application has heard of it, so perhaps never.
       unawaited(_received.close());
     }
   }

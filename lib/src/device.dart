@@ -23,7 +23,7 @@ enum BluetoothBondState {
 /// What the daemon knew of a device at one moment.
 @immutable
 class BluetoothDevice {
-  /// Puts a device together; what is left out is unknown or not so.
+  /// A device; what is left out is unknown, or no.
   const BluetoothDevice({
     required this.address,
     this.name,
@@ -32,8 +32,8 @@ class BluetoothDevice {
     this.rssi,
   });
 
-  /// Reads a device map of the channels. An empty name and a signal strength of
-  /// zero mean unknown there. Throws [TypeError] when the map is none.
+  /// Reads a device map of the channels, where an empty name and a signal
+  /// strength of zero mean unknown. Throws [TypeError] for any other map.
   factory BluetoothDevice.fromMap(Map<Object?, Object?> map) {
     final String name = map['name'] as String;
     final int rssi = map['rssi'] as int;

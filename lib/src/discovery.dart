@@ -93,7 +93,8 @@ final class DeviceLoss extends DiscoveryEvent {
 ///
 /// Every object of this class is the same discovery. Listening starts no
 /// discovery and repeats nothing. So listen to [events] or [devices] first, ask
-/// for [knownDevices] then, and [start] last.
+/// for [knownDevices] then, and [start] last. Every request but [isDiscovering]
+/// blocks until the daemon has answered, mostly for milliseconds.
 class BluetoothDiscovery {
   /// The discovery.
   const BluetoothDiscovery();
