@@ -149,6 +149,16 @@ void main() {
     expect(heard, isEmpty);
   });
 
+  test('reads no event that lacks something', () {
+    for (final Map<String, Object?> event in const <Map<String, Object?>>[
+      <String, Object?>{'device': <String, Object?>{}},
+      <String, Object?>{'type': 'rssiUpdate', 'address': scale},
+      <String, Object?>{'type': 'deviceLost'},
+    ]) {
+      expect(() => DiscoveryEvent.fromMap(event), throwsA(isA<TypeError>()));
+    }
+  });
+
   test('has events that equal those of the same values', () {
     final List<DiscoveryEvent> events = <DiscoveryEvent>[
       DeviceReport(device()),
