@@ -10,7 +10,6 @@ import re
 import shutil
 
 import tool
-import yaml
 
 # What the plug-in may need at run time: the engine, GLib, BlueZ's library and
 # the compiler's own.
@@ -51,24 +50,6 @@ foreach(plugin ${{FLUTTER_PLUGIN_LIST}})
   list(APPEND PLUGIN_BUNDLED_LIBRARIES ${{${{plugin}}_bundled_libraries}})
 endforeach()
 '''
-
-
-def publish(cache):
-    """Copies what a published package holds; returns its folder and pubspec."""
-    pubspec = yaml.safe_load((tool.ROOT / 'pubspec.yaml').read_text())
-    cache.mkdir()
-    package = cache / f"{pubspec['name']}-{pubspec['version']}"
-    git = {'GIT_DIR': cache / 'no history', 'GIT_WORK_TREE': tool.ROOT}
-    tool.run('git', 'init', '--quiet', env=tool.environment(**git))
-    files = tool.run('git', '-C', tool.ROOT, 'ls-files', '-z', '--others',
-                     '--exclude-from=.pubignore', env=tool.environment(**git))
-    for name in filter(None, files.split('\0')):
-        tool.check('flutter_linux' not in name,
-                   f'the package brings an embedding of its own: {name}')
-        target = package / name
-        target.parent.mkdir(parents=True, exist_ok=True)
-        shutil.copy2(tool.ROOT / name, target)
-    return package, pubspec
 
 
 def snake_case(name):
@@ -144,7 +125,6 @@ def check_bundle(bundle, pubspec):
 def test():
     parser = argparse.ArgumentParser()
     parser.add_argument('--mode', required=True)
-    parser.add_argument('--version', required=True)
     parser.add_argument('--headers', type=pathlib.Path, required=True)
     parser.add_argument('--library', type=pathlib.Path, required=True)
     parser.add_argument('--gtk-modules', required=True)
@@ -153,10 +133,7 @@ def test():
     arguments = parser.parse_args()
 
     work = tool.fresh(arguments.work)
-    package, pubspec = publish(work / 'pub cache')
-    tool.check(pubspec['version'] == arguments.version,
-               f"pubspec.yaml is of version {pubspec['version']}, "
-               f'the library of {arguments.version}')
+    package, pubspec = tool.publish(work / 'pub cache')
     application = work / 'An Application'
     link = lay_out(application, package, pubspec, arguments)
     folder = build(application, link, arguments)

@@ -7,6 +7,8 @@ import shutil
 import subprocess
 import sys
 
+import yaml
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
@@ -44,6 +46,24 @@ def fresh(folder):
     shutil.rmtree(folder, ignore_errors=True)
     folder.mkdir(parents=True)
     return folder
+
+
+def publish(cache):
+    """Copies what a published package holds; returns its folder and pubspec."""
+    pubspec = yaml.safe_load((ROOT / 'pubspec.yaml').read_text())
+    cache.mkdir()
+    package = cache / f"{pubspec['name']}-{pubspec['version']}"
+    git = {'GIT_DIR': cache / 'no history', 'GIT_WORK_TREE': ROOT}
+    run('git', 'init', '--quiet', env=environment(**git))
+    files = run('git', '-C', ROOT, 'ls-files', '-z', '--others',
+                '--exclude-from=.pubignore', env=environment(**git))
+    for name in filter(None, files.split('\0')):
+        check('flutter_linux' not in name,
+              f'the package brings an embedding of its own: {name}')
+        target = package / name
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy2(ROOT / name, target)
+    return package, pubspec
 
 
 def lay_out_engine(folder, headers, library):

@@ -1,120 +1,215 @@
-// Parses the Dart blocks of a page, alone and as one file, and compares the
-// names of methods and channels in them with the channels' own page.
-// Usage: node check.mjs MODULES DART_PAGE CHANNELS_PAGE, where MODULES is the
-// folder into which npm installed.
+// Checks the package's Dart code as far as that goes without a compiler: syntax,
+// documentation, exports, imports, and the names that are shared with the
+// channels' page. Types are not checked.
+// Usage: node check.mjs MODULES ROOT, where MODULES is the folder into which npm
+// installed.
 
 import fs from 'node:fs';
-import { createRequire } from 'node:module';
 import path from 'node:path';
 
-const [modules, dartPage, channelsPage] = process.argv.slice(2);
-const require = createRequire(path.join(path.resolve(modules), 'package.json'));
-const { Language, Parser } = require('web-tree-sitter');
+import {
+  all, declarations, directives, grammarFaults, loadGrammar, syntaxErrors, usedNames,
+} from './grammar.mjs';
+import { dartBlocks, readChannelsPage } from './pages.mjs';
 
-const failures = [];
+const [modules, root] = process.argv.slice(2);
+const parse = await loadGrammar(modules);
+const failures = grammarFaults(parse);
 
 function check(condition, message) {
   if (!condition) failures.push(message);
 }
 
-// Returns what the grammar does not accept, as lines of text.
-function syntaxErrors(parser, source, firstLine) {
-  const errors = [];
-  const visit = (node) => {
-    if (node.isError || node.isMissing) {
-      const text = node.isMissing ? `missing ${node.type}` : node.text.split('\n')[0];
-      errors.push(`line ${firstLine + node.startPosition.row}: ${text}`);
-    } else if (node.hasError) {
-      node.children.forEach(visit);
-    }
-  };
-  visit(parser.parse(source).rootNode);
-  return errors;
-}
-
-// Returns the ```dart blocks of a page, each with its first line's number.
-function dartBlocks(text) {
-  const blocks = [];
-  let block = null;
-  text.split('\n').forEach((line, index) => {
-    if (block === null && line === '```dart') {
-      block = { firstLine: index + 2, lines: [] };
-    } else if (block !== null && line === '```') {
-      blocks.push({ firstLine: block.firstLine, source: block.lines.join('\n') + '\n' });
-      block = null;
-    } else if (block !== null) {
-      block.lines.push(line);
-    }
+// Every Dart file of the tree, by its path from the root. Builds and what tools
+// fetch are no part of it.
+function dartFiles(folder = '') {
+  return fs.readdirSync(path.join(root, folder), { withFileTypes: true }).flatMap((entry) => {
+    const name = path.posix.join(folder, entry.name);
+    if (entry.name.startsWith('.') || entry.name === 'build') return [];
+    if (entry.isDirectory()) return dartFiles(name);
+    return name.endsWith('.dart') ? [name] : [];
   });
-  check(block === null, 'a block is not closed');
-  return blocks;
 }
 
-// A parser that takes everything would prove nothing.
-function checkParser(parser) {
-  const right = 'Future<int> f() async => await g() ?? 1;\n';
-  check(syntaxErrors(parser, right, 1).length === 0, 'the grammar rejects right code');
-  const wrong = [
-    'Future<int> f() async => await g( ?? 1;\n',
-    'class C { void f() { if (true) { } }\n',
-    'final int x = ;\n',
-    'void f() { g(1 2); }\n',
-  ];
-  for (const source of wrong) {
-    check(syntaxErrors(parser, source, 1).length > 0, `the grammar accepts ${source}`);
+const read = (name) => fs.readFileSync(path.join(root, name), 'utf8');
+const files = new Map(dartFiles().map((name) => [name, parse(read(name))]));
+const pages = ['README.md', 'docs/dart.md'];
+const blocks = pages.flatMap((page) =>
+  dartBlocks(read(page)).map((block) => ({ page, ...block, tree: parse(block.source) })));
+
+const library = 'lib/lumso_bluetooth.dart';
+const sources = new Map([...files].filter(([name]) => name.startsWith('lib/src/')));
+const declared = new Map([...sources].map(([name, tree]) => [name, declarations(tree,
+    (node) => check(false, `${name}: line ${node.startPosition.row + 1}: ` +
+        `only classes are looked at, not ${node.type}`))]));
+const publicClasses = [...declared.values()].flat().filter((each) => !each.isPrivate);
+
+function checkSyntax() {
+  for (const folder of ['lib/', 'lib/src/', 'test/', 'example/lib/', 'example/test/']) {
+    check([...files.keys()].some((name) => name.startsWith(folder)), `no Dart file in ${folder}`);
+  }
+  for (const [name, tree] of files) {
+    failures.push(...syntaxErrors(tree).map((error) => `${name}: ${error}`));
+  }
+  for (const page of pages) {
+    check(blocks.some((block) => block.page === page), `${page} shows no Dart code`);
+  }
+  for (const { page, firstLine, tree } of blocks) {
+    failures.push(...syntaxErrors(tree, firstLine).map((error) => `${page}: ${error}`));
   }
 }
 
-function checkSyntax(parser, blocks) {
-  check(blocks.length > 0, 'the page has no Dart block');
-  for (const block of blocks) {
-    failures.push(...syntaxErrors(parser, block.source, block.firstLine));
+function checkDocumentation() {
+  for (const [name, classes] of declared) {
+    for (const each of classes.filter((one) => !one.isPrivate)) {
+      for (const one of [each, ...each.members]) {
+        check(one.isPrivate || one.isInherited || one.isDocumented,
+            `${name}: line ${one.line}: ${one.name} has no documentation`);
+      }
+    }
   }
-  const file = blocks.map((block) => block.source).join('\n');
-  check(syntaxErrors(parser, file, 1).length === 0, 'the blocks do not make one file');
+  check(/^\/\/\/ /.test(read(library)), `${library} has no documentation`);
 }
 
-function matches(text, pattern) {
-  return new Set([...text.matchAll(pattern)].map((match) => match[1]));
+// The one public library hands on all of lib/src, whole.
+function checkExports() {
+  const exports = directives(files.get(library));
+  check(exports.every(({ kind, isWhole }) => kind === 'export' && isWhole),
+      `${library} does more than export files`);
+  const exported = exports.map(({ uri }) => `lib/${uri}`).sort();
+  check(exported.join() === [...sources.keys()].sort().join(),
+      `${library} exports ${exported}`);
 }
 
-// The rows of the table below a heading; each first cell's `names`.
-function tableNames(text, heading) {
-  const section = `\n${text}`.split(`\n${heading}\n`)[1].split(/\n#/)[0];
-  const cells = [...section.matchAll(/^\|([^|]*)\|/gm)].map((match) => match[1]);
-  return matches(cells.join('\n'), /`([^`]+)`/g);
-}
+// Which names of Dart's and Flutter's libraries make an import necessary. Only
+// these count as a use of it.
+const otherLibraries = {
+  'dart:async': ['Completer', 'FutureOr', 'StreamController', 'StreamSubscription',
+    'Timer', 'unawaited'],
+  'dart:convert': ['LineSplitter', 'Utf8Decoder', 'utf8'],
+  'package:flutter/foundation.dart': ['immutable', 'kDebugMode'],
+  'package:flutter/material.dart': ['MaterialApp', 'StatefulWidget', 'StatelessWidget'],
+  'package:flutter/services.dart': ['EventChannel', 'MethodCall', 'MethodChannel',
+    'MissingPluginException', 'PlatformException'],
+  'package:flutter_test/flutter_test.dart': ['addTearDown', 'expect', 'testWidgets'],
+};
 
-function checkNames(blocks, page, channels) {
-  const code = blocks.map((block) => block.source).join('\n');
-  const methods = tableNames(channels, '## Methods');
-  check(methods.size > 20, 'the methods of the channels page were not found');
-  const written = new Set([
-    ...matches(code, /'(\w+)'/g),
-    ...matches(page, /`(\w+)` is another name for/g),
-  ]);
-  for (const name of methods) {
-    check(written.has(name), `the page does not show ${name}`);
+function checkImports() {
+  for (const [name, tree] of files) {
+    const used = usedNames(tree);
+    const own = declared.get(name) ?? [];
+    const imported = new Set(directives(tree).map(({ uri }) => uri.includes(':') ?
+        uri : path.posix.join(path.posix.dirname(name), uri)));
+    const compare = (uri, names) => {
+      const needed = names.filter((each) => used.has(each));
+      check(imported.has(uri) === needed.length > 0, imported.has(uri) ?
+          `${name}: imports ${uri} in vain` : `${name}: uses ${needed} without ${uri}`);
+    };
+    for (const [uri, names] of Object.entries(otherLibraries)) compare(uri, names);
+    if (name.startsWith('lib/src/')) {
+      for (const [other, classes] of declared) {
+        if (classes !== own) compare(other, classes.map((each) => each.name));
+      }
+    } else if (name !== library) {
+      compare('package:lumso_bluetooth/lumso_bluetooth.dart',
+          publicClasses.map((each) => each.name));
+    }
+    for (const uri of imported) {
+      const target = uri.replace(/^package:lumso_bluetooth\//, 'lib/')
+          .replace(/^package:lumso_bluetooth_example\//, 'example/lib/');
+      check(target.includes(':') || files.has(target), `${name}: there is no ${uri}`);
+    }
   }
-  for (const name of matches(code, /(?:_call|_list)(?:<[\w<>?]+>)?\(\s*'(\w+)'/g)) {
-    check(methods.has(name), `the page calls ${name}, which is no method`);
-  }
-  const wanted = tableNames(channels, '# Channels');
-  const used = matches(code.replaceAll('$id', '<id>'), /'(lumso_bluetooth\/[^']+)'/g);
-  check([...wanted].sort().join() === [...used].sort().join(),
-      `the page uses the channels ${[...used].sort()}`);
 }
 
-await Parser.init();
-const grammar = require.resolve('tree-sitter-wasms/out/tree-sitter-dart.wasm');
-const parser = new Parser();
-parser.setLanguage(await Language.load(grammar));
+// Whoever names a class of the library, or a member after it, has to get the
+// name right, in prose as well. What an object of it is asked for is not looked
+// at.
+function checkUses() {
+  const members = new Map(publicClasses.map((each) =>
+    [each.name, new Set(['values', ...each.members.map((one) => one.name.split('.').pop())])]));
+  for (const name of [...files.keys(), ...pages]) {
+    for (const [, owner, member] of read(name).matchAll(/\b(Bluetooth[A-Z]\w*)(?:\.(\w+))?/g)) {
+      check(members.has(owner), `${name}: there is no ${owner}`);
+      check(!member || !members.has(owner) || members.get(owner).has(member),
+          `${name}: there is no ${owner}.${member}`);
+    }
+  }
+}
 
-const page = fs.readFileSync(dartPage, 'utf8');
-const blocks = dartBlocks(page);
-checkParser(parser);
-checkSyntax(parser, blocks);
-checkNames(blocks, page, fs.readFileSync(channelsPage, 'utf8'));
-for (const failure of failures) console.error(`${dartPage}: ${failure}`);
-console.log(`${blocks.length} blocks, ${failures.length} failures`);
+const text = (literal) => literal.text.slice(1, -1);
+
+// What the library's functions that call a method expect of its answer, beside
+// `invoke`, which is told.
+const helperTypes = { _devices: 'List<Object?>', _text: 'String', request: 'bool' };
+
+// Compares what the calls in a file give and take with the channels' page, and
+// returns the names of the called methods. The grammar takes a generic call with
+// one argument for a comparison, hence the pattern.
+function checkCalls(name, methods) {
+  const code = read(name).replace(/^ *\/\/.*$/gm, '');
+  const call = /\b(\w+)(?:<([\w<>?]+)>)?\(\s*'(\w+)'(?:,\s*<String, Object\?>\{([^}]*)\})?,?\s*\)/g;
+  return [...code.matchAll(call)].map(([, helper, type, method, args]) => {
+    const where = `${name}: ${helper}('${method}')`;
+    const wanted = methods.get(method);
+    if (wanted === undefined) {
+      check(false, `${where} calls no method`);
+      return method;
+    }
+    const keys = [...(args ?? '').matchAll(/'(\w+)':/g)].map((match) => match[1]);
+    check(keys.join() === wanted.keys.join(), `${where} gives [${keys}]`);
+    const answer = helper === 'invoke' ? type : helperTypes[helper];
+    check(answer === wanted.type, `${where} expects ${answer}`);
+    return method;
+  });
+}
+
+// The library uses every name of the channels' page, and no other.
+function checkNames() {
+  const page = readChannelsPage(read('docs/channels.md'));
+  check(page.methods.size > 20 && page.keys.size > 8 && page.kinds.length > 1,
+      "the tables of the channels' page were not found");
+  const known = new Set([
+    ...page.methods.keys(), ...page.keys, ...page.kinds, ...page.codes, 'ENOSYS']);
+  const literals = new Set();
+  const called = new Set();
+  for (const [name, tree] of sources) {
+    for (const method of checkCalls(name, page.methods)) called.add(method);
+    for (const node of all(tree, 'string_literal')) {
+      if (node.parent.type === 'uri') continue;
+      literals.add(text(node));
+      check(known.has(text(node)) || !/^\w+$/.test(text(node)),
+          `${name}: line ${node.startPosition.row + 1}: ${node.text} is no name of the channels`);
+    }
+    for (const node of all(tree, 'index_selector')) {
+      const [key] = node.namedChildren;
+      check(key.type !== 'string_literal' || page.keys.has(text(key)),
+          `${name}: there is no key ${node.text}`);
+    }
+  }
+  for (const name of known) check(literals.has(name), `the library does not use ${name}`);
+
+  const channels = [...literals].filter((each) => each.startsWith('lumso_bluetooth/'))
+      .map((each) => each.replace('$id', '<id>'));
+  check(channels.sort().join() === page.channels.sort().join(),
+      `the library uses the channels ${channels}`);
+  // Everything but second names and fixed answers has a call of its own.
+  const listed = new Set(all(sources.get('lib/src/channels.dart'), 'list_literal', 'pair')
+      .map((node) => node.type === 'pair' ? node.namedChildren.slice(0, 1) : node.namedChildren)
+      .flat().filter((node) => node.type === 'string_literal').map(text));
+  for (const method of page.methods.keys()) {
+    check(called.has(method) !== listed.has(method),
+        `${method} is ${called.has(method) ? 'called and listed' : 'not called'}`);
+  }
+}
+
+checkSyntax();
+checkDocumentation();
+checkExports();
+checkImports();
+checkUses();
+checkNames();
+for (const failure of failures) console.error(failure);
+console.log(`${files.size} files, ${blocks.length} blocks, ${publicClasses.length} classes, ` +
+    `${failures.length} failures`);
 process.exitCode = failures.length === 0 ? 0 : 1;
