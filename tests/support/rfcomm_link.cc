@@ -44,9 +44,11 @@ RfcommLink::Side Other(RfcommLink::Side side) {
 // The error was handed out before: neither shutdown() nor close() ends this.
 ssize_t WaitForEver() {
   if (real::poll(nullptr, 0, kHopelessMilliseconds) < 0) return -1;
-  std::fprintf(stderr,
-               "RFCOMM double: this read() waits for ever, since the error of "
-               "the stream was handed out before\n");
+  // Standard error may be captured.
+  std::printf(
+      "RFCOMM double: this read() waits for ever, since the error of the "
+      "stream was handed out before\n");
+  std::fflush(stdout);
   std::abort();
 }
 
