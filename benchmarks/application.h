@@ -11,8 +11,8 @@
 #include <string>
 #include <utility>
 
-#include "example/host/channel_codec.h"
-#include "example/host/in_process_messenger.h"
+#include "host/channel_codec.h"
+#include "host/in_process_messenger.h"
 
 namespace lumso_bench {
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "example/host/channel_codec.h"
-#include "example/host/in_process_messenger.h"
+#include "host/channel_codec.h"
+#include "host/in_process_messenger.h"
 
 namespace {
 

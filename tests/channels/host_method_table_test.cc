@@ -8,10 +8,10 @@
 #include <set>
 #include <string>
 
-#include "example/host/channel_codec.h"
-#include "example/host/in_process_messenger.h"
-#include "example/host/json_value.h"
-#include "example/host/method_table.h"
+#include "host/channel_codec.h"
+#include "host/in_process_messenger.h"
+#include "host/json_value.h"
+#include "host/method_table.h"
 #include "include/lumso_bluetooth/lumso_bluetooth_plugin.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <flutter_linux/flutter_linux.h>
 
-#include "example/host/channel_codec.h"
+#include "host/channel_codec.h"
 #include "tests/fuzz/fuzz.h"
 
 using lumso_fuzz::Check;

@@ -15,8 +15,8 @@
 #include <string>
 #include <string_view>
 
-#include "example/host/channel_codec.h"
-#include "example/host/in_process_messenger.h"
+#include "host/channel_codec.h"
+#include "host/in_process_messenger.h"
 #include "tests/fuzz/fake_bus.h"
 #include "tests/fuzz/fuzz.h"
 #include "tests/support/fake_rfcomm.h"

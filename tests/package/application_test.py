@@ -86,7 +86,7 @@ def build(application, link, arguments):
     tool.run('cmake', '-G', 'Ninja', f'-DCMAKE_BUILD_TYPE={arguments.mode}',
              '-DFLUTTER_TARGET_PLATFORM=linux-x64',
              f'-DGTK_MODULES={arguments.gtk_modules}',
-             f"-DPLUGIN_EXAMPLE_DIR={link / 'example' / 'host'}", *tests,
+             f"-DPLUGIN_HOST_DIR={link / 'host'}", *tests,
              '-S', application / 'linux', '-B', folder, env=clang)
     output = tool.run('ninja', '-C', folder, 'install', env=clang)
     tool.check('warning:' not in output, f'the build warns:\n{output}')

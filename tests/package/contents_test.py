@@ -11,7 +11,7 @@ import yaml
 
 # What an application's build needs and what its developer reads. The host is
 # there for the plug-in's own test in an application's build.
-FOLDERS = {'docs', 'example', 'include', 'lib', 'linux', 'src'}
+FOLDERS = {'docs', 'example', 'host', 'include', 'lib', 'linux', 'src'}
 FILES = {'CHANGELOG.md', 'LICENSE', 'README.md', 'pubspec.yaml'}
 HOST_FILES = {'channel_codec.cc', 'channel_codec.h',
               'in_process_messenger.cc', 'in_process_messenger.h'}
@@ -24,9 +24,9 @@ def check_files(package):
     for file in sorted(files):
         tool.check(file.parts[0] in FOLDERS or str(file) in FILES,
                    f'the package brings {file}')
-        tool.check('host' not in file.parts or file.name in HOST_FILES,
+        tool.check(file.parts[0] != 'host' or file.name in HOST_FILES,
                    f"the package brings the host's {file}")
-        tool.check(file.parts[0] != 'example' or 'host' in file.parts
+        tool.check(file.parts[0] != 'example'
                    or file.parts[1] in {'lib', 'test'} | EXAMPLE_FILES,
                    f'the example brings {file}')
         tool.check(not any(part.startswith('.') for part in file.parts)

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "example/host/channel_codec.h"
+#include "host/channel_codec.h"
 
 namespace lumso_test {
 namespace {

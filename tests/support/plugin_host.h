@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "example/host/in_process_messenger.h"
+#include "host/in_process_messenger.h"
 
 namespace lumso_test {
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <string>
 
-#include "example/host/channel_codec.h"
-#include "example/host/in_process_messenger.h"
+#include "host/channel_codec.h"
+#include "host/in_process_messenger.h"
 
 int main() {
   g_autoptr(InProcessMessenger) messenger =

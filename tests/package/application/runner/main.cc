@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <string>
 
-#include "example/host/channel_codec.h"
-#include "example/host/in_process_messenger.h"
 #include "flutter/generated_plugin_registrant.h"
+#include "host/channel_codec.h"
+#include "host/in_process_messenger.h"
 
 G_DECLARE_FINAL_TYPE(ApplicationRegistry, application_registry, APPLICATION,
                      REGISTRY, GObject)

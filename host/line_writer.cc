@@ -1,4 +1,4 @@
-#include "example/host/line_writer.h"
+#include "host/line_writer.h"
 
 #include <cstdio>
 #include <utility>

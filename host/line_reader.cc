@@ -1,4 +1,4 @@
-#include "example/host/line_reader.h"
+#include "host/line_reader.h"
 
 #include <glib-unix.h>
 #include <unistd.h>

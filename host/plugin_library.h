@@ -1,7 +1,7 @@
 // Finds and loads the plug-in library.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_PLUGIN_LIBRARY_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_PLUGIN_LIBRARY_H_
+#ifndef LUMSO_BLUETOOTH_HOST_PLUGIN_LIBRARY_H_
+#define LUMSO_BLUETOOTH_HOST_PLUGIN_LIBRARY_H_
 
 #include <flutter_linux/flutter_linux.h>
 
@@ -19,4 +19,4 @@ RegisterFunction LoadPlugin(const std::string& file, std::string* error);
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_PLUGIN_LIBRARY_H_
+#endif  // LUMSO_BLUETOOTH_HOST_PLUGIN_LIBRARY_H_

@@ -1,4 +1,4 @@
-#include "example/host/line_editor.h"
+#include "host/line_editor.h"
 
 #include <glib-unix.h>
 #include <unistd.h>

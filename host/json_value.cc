@@ -1,4 +1,4 @@
-#include "example/host/json_value.h"
+#include "host/json_value.h"
 
 #include <cmath>
 #include <cstdint>

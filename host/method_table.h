@@ -1,8 +1,8 @@
 // What the plug-in's methods take and give: the one table that the host's help,
 // its completion and docs/channels.md come from.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_METHOD_TABLE_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_METHOD_TABLE_H_
+#ifndef LUMSO_BLUETOOTH_HOST_METHOD_TABLE_H_
+#define LUMSO_BLUETOOTH_HOST_METHOD_TABLE_H_
 
 #include <string>
 #include <string_view>
@@ -49,4 +49,4 @@ std::string MethodTableMarkdown();
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_METHOD_TABLE_H_
+#endif  // LUMSO_BLUETOOTH_HOST_METHOD_TABLE_H_

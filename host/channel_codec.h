@@ -2,8 +2,8 @@
 // decodes answers and events. Only the embedding's public interface is used.
 // For the platform thread.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_CHANNEL_CODEC_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_CHANNEL_CODEC_H_
+#ifndef LUMSO_BLUETOOTH_HOST_CHANNEL_CODEC_H_
+#define LUMSO_BLUETOOTH_HOST_CHANNEL_CODEC_H_
 
 #include <flutter_linux/flutter_linux.h>
 
@@ -49,4 +49,4 @@ Envelope DecodeEnvelope(GBytes* bytes);
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_CHANNEL_CODEC_H_
+#endif  // LUMSO_BLUETOOTH_HOST_CHANNEL_CODEC_H_

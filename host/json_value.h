@@ -5,8 +5,8 @@
 // a float. A byte list (the uint8 list type) is an object with the one key
 // "uint8" and the bytes in hexadecimal. Map order is kept.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_JSON_VALUE_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_JSON_VALUE_H_
+#ifndef LUMSO_BLUETOOTH_HOST_JSON_VALUE_H_
+#define LUMSO_BLUETOOTH_HOST_JSON_VALUE_H_
 
 #include <flutter_linux/flutter_linux.h>
 
@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "example/host/channel_codec.h"
+#include "host/channel_codec.h"
 
 namespace lumso_host {
 
@@ -36,4 +36,4 @@ std::string JsonLine(const Json& json);
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_JSON_VALUE_H_
+#endif  // LUMSO_BLUETOOTH_HOST_JSON_VALUE_H_

@@ -1,7 +1,7 @@
 // Writes the host's lines to standard output.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_WRITER_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_WRITER_H_
+#ifndef LUMSO_BLUETOOTH_HOST_LINE_WRITER_H_
+#define LUMSO_BLUETOOTH_HOST_LINE_WRITER_H_
 
 #include <functional>
 #include <string>
@@ -31,4 +31,4 @@ std::string ColourJson(std::string_view json);
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_WRITER_H_
+#endif  // LUMSO_BLUETOOTH_HOST_LINE_WRITER_H_

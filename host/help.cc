@@ -1,10 +1,10 @@
-#include "example/host/help.h"
+#include "host/help.h"
 
 #include <algorithm>
 #include <sstream>
 
-#include "example/host/method_table.h"
-#include "example/host/session.h"
+#include "host/method_table.h"
+#include "host/session.h"
 
 namespace lumso_host {
 

@@ -1,13 +1,13 @@
 // What the host says about itself.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_HELP_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_HELP_H_
+#ifndef LUMSO_BLUETOOTH_HOST_HELP_H_
+#define LUMSO_BLUETOOTH_HOST_HELP_H_
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "example/host/json_value.h"
+#include "host/json_value.h"
 
 namespace lumso_host {
 
@@ -36,4 +36,4 @@ Completion Complete(std::string_view text,
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_HELP_H_
+#endif  // LUMSO_BLUETOOTH_HOST_HELP_H_

@@ -1,7 +1,7 @@
 // Lets a person at a terminal edit commands.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_EDITOR_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_EDITOR_H_
+#ifndef LUMSO_BLUETOOTH_HOST_LINE_EDITOR_H_
+#define LUMSO_BLUETOOTH_HOST_LINE_EDITOR_H_
 
 #include <glib.h>
 #include <histedit.h>
@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "example/host/command_reader.h"
-#include "example/host/help.h"
+#include "host/command_reader.h"
+#include "host/help.h"
 
 namespace lumso_host {
 
@@ -77,4 +77,4 @@ class LineEditor : public CommandReader {
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_EDITOR_H_
+#endif  // LUMSO_BLUETOOTH_HOST_LINE_EDITOR_H_

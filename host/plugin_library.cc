@@ -1,4 +1,4 @@
-#include "example/host/plugin_library.h"
+#include "host/plugin_library.h"
 
 #include <dlfcn.h>
 

@@ -13,14 +13,14 @@
 #include <memory>
 #include <string>
 
-#include "example/host/command_reader.h"
-#include "example/host/help.h"
-#include "example/host/line_reader.h"
-#include "example/host/line_writer.h"
-#include "example/host/plugin_library.h"
-#include "example/host/session.h"
+#include "host/command_reader.h"
+#include "host/help.h"
+#include "host/line_reader.h"
+#include "host/line_writer.h"
+#include "host/plugin_library.h"
+#include "host/session.h"
 #ifdef LUMSO_HAVE_LIBEDIT
-#include "example/host/line_editor.h"
+#include "host/line_editor.h"
 #endif
 
 namespace {

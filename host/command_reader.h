@@ -1,7 +1,7 @@
 // Where the host's commands come from.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_COMMAND_READER_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_COMMAND_READER_H_
+#ifndef LUMSO_BLUETOOTH_HOST_COMMAND_READER_H_
+#define LUMSO_BLUETOOTH_HOST_COMMAND_READER_H_
 
 #include <functional>
 #include <string>
@@ -35,4 +35,4 @@ class CommandReader {
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_COMMAND_READER_H_
+#endif  // LUMSO_BLUETOOTH_HOST_COMMAND_READER_H_

@@ -1,4 +1,4 @@
-#include "example/host/method_table.h"
+#include "host/method_table.h"
 
 #include <cstring>
 

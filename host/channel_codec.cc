@@ -1,4 +1,4 @@
-#include "example/host/channel_codec.h"
+#include "host/channel_codec.h"
 
 namespace lumso_host {
 

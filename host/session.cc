@@ -1,4 +1,4 @@
-#include "example/host/session.h"
+#include "host/session.h"
 
 #include <algorithm>
 #include <charconv>
@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "example/host/help.h"
+#include "host/help.h"
 
 namespace lumso_host {
 

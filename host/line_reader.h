@@ -1,13 +1,13 @@
 // Cuts what arrives on a descriptor into lines, in the main loop.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_READER_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_READER_H_
+#ifndef LUMSO_BLUETOOTH_HOST_LINE_READER_H_
+#define LUMSO_BLUETOOTH_HOST_LINE_READER_H_
 
 #include <glib.h>
 
 #include <string>
 
-#include "example/host/command_reader.h"
+#include "host/command_reader.h"
 
 namespace lumso_host {
 
@@ -50,4 +50,4 @@ class LineReader : public CommandReader {
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_LINE_READER_H_
+#endif  // LUMSO_BLUETOOTH_HOST_LINE_READER_H_

@@ -1,4 +1,4 @@
-#include "example/host/in_process_messenger.h"
+#include "host/in_process_messenger.h"
 
 #include <atomic>
 #include <map>

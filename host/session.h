@@ -1,8 +1,8 @@
 // The host's line protocol: runs commands against a plug-in and prints what
 // comes back.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_SESSION_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_SESSION_H_
+#ifndef LUMSO_BLUETOOTH_HOST_SESSION_H_
+#define LUMSO_BLUETOOTH_HOST_SESSION_H_
 
 #include <glib.h>
 
@@ -13,10 +13,10 @@
 #include <string_view>
 #include <vector>
 
-#include "example/host/channel_codec.h"
-#include "example/host/in_process_messenger.h"
-#include "example/host/json_value.h"
-#include "example/host/plugin_library.h"
+#include "host/channel_codec.h"
+#include "host/in_process_messenger.h"
+#include "host/json_value.h"
+#include "host/plugin_library.h"
 
 namespace lumso_host {
 
@@ -108,4 +108,4 @@ class Session {
 
 }  // namespace lumso_host
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_SESSION_H_
+#endif  // LUMSO_BLUETOOTH_HOST_SESSION_H_

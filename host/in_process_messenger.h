@@ -8,8 +8,8 @@
 // thread travels through the main loop. A message sent on another thread is
 // reported on standard error and dropped.
 
-#ifndef LUMSO_BLUETOOTH_EXAMPLE_HOST_IN_PROCESS_MESSENGER_H_
-#define LUMSO_BLUETOOTH_EXAMPLE_HOST_IN_PROCESS_MESSENGER_H_
+#ifndef LUMSO_BLUETOOTH_HOST_IN_PROCESS_MESSENGER_H_
+#define LUMSO_BLUETOOTH_HOST_IN_PROCESS_MESSENGER_H_
 
 #include <flutter_linux/flutter_linux.h>
 
@@ -62,4 +62,4 @@ void in_process_messenger_close(InProcessMessenger* messenger);
 // (which it references) and neither a view nor textures.
 InProcessRegistrar* in_process_registrar_new(InProcessMessenger* messenger);
 
-#endif  // LUMSO_BLUETOOTH_EXAMPLE_HOST_IN_PROCESS_MESSENGER_H_
+#endif  // LUMSO_BLUETOOTH_HOST_IN_PROCESS_MESSENGER_H_
