@@ -27,8 +27,6 @@ constexpr char kPropertiesType[] = "(a{sv})";
 constexpr char kPropertyType[] = "(v)";
 
 constexpr int kPairTimeoutMs = 60000;
-constexpr int kNotBonded = 10;
-constexpr int kBonded = 12;
 
 constexpr char kAgentCapability[] = "NoInputNoOutput";
 constexpr char kRejectedError[] = "org.bluez.Error.Rejected";
@@ -90,58 +88,60 @@ void LogFailure(const std::string& what, const GError* error) {
   Log(what + " failed: " + error->message);
 }
 
+// Messages are taken apart child by child, here and nowhere else: a format
+// string would be checked anew for every entry, which costs more than all the
+// rest of a walk.
 GVariantPtr Child(GVariant* container, gsize index) {
   return GVariantPtr(g_variant_get_child_value(container, index));
+}
+
+// The text of a string or an object path, borrowed.
+const gchar* Text(const GVariantPtr& value) {
+  return g_variant_get_string(value.get(), nullptr);
+}
+
+// What is in the variant at `index`.
+GVariantPtr Unboxed(GVariant* container, gsize index) {
+  return GVariantPtr(g_variant_get_variant(Child(container, index).get()));
 }
 
 // The readers take an entry of an a{sv} and leave `field` alone when its value
 // has another type. Only they unbox a value: a record uses few of a device's
 // properties, and most of what a walk costs is the memory that it touches.
-GVariantPtr ValueOf(GVariant* entry) {
-  return GVariantPtr(g_variant_get_variant(Child(entry, 1).get()));
-}
-
 void ReadString(GVariant* entry, std::string* field) {
-  const GVariantPtr value = ValueOf(entry);
+  const GVariantPtr value = Unboxed(entry, 1);
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING)) {
     *field = g_variant_get_string(value.get(), nullptr);
   }
 }
 
 void ReadBoolean(GVariant* entry, bool* field) {
-  const GVariantPtr value = ValueOf(entry);
+  const GVariantPtr value = Unboxed(entry, 1);
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_BOOLEAN)) {
     *field = g_variant_get_boolean(value.get());
   }
 }
 
 void ReadInt16(GVariant* entry, int32_t* field) {
-  const GVariantPtr value = ValueOf(entry);
+  const GVariantPtr value = Unboxed(entry, 1);
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_INT16)) {
     *field = g_variant_get_int16(value.get());
   }
 }
 
-// Calls visit(entry) for each child of `container`, in order, until it returns
-// false. Returns false when a visit ended the walk. The walks below read
-// entries child by child: a format string would be checked anew for every
-// entry, which costs more than all the rest of a walk.
+// Calls visit(child) for each child of `container`, in order.
 template <typename Visitor>
-bool ForEachChild(GVariant* container, Visitor visit) {
+void ForEachChild(GVariant* container, Visitor visit) {
   const gsize count = g_variant_n_children(container);
-  for (gsize i = 0; i < count; ++i) {
-    if (!visit(Child(container, i).get())) return false;
-  }
-  return true;
+  for (gsize i = 0; i < count; ++i) visit(Child(container, i).get());
 }
 
 void ReadStrings(GVariant* entry, std::vector<std::string>* field) {
-  const GVariantPtr value = ValueOf(entry);
+  const GVariantPtr value = Unboxed(entry, 1);
   if (!g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING_ARRAY)) return;
   field->reserve(g_variant_n_children(value.get()));
   ForEachChild(value.get(), [field](GVariant* text) {
     field->emplace_back(g_variant_get_string(text, nullptr));
-    return true;
   });
 }
 
@@ -150,35 +150,30 @@ template <typename Visitor>
 void ForEachProperty(GVariant* properties, Visitor visit) {
   ForEachChild(properties, [&visit](GVariant* entry) {
     const GVariantPtr key = Child(entry, 0);
-    visit(std::string_view(g_variant_get_string(key.get(), nullptr)), entry);
-    return true;
+    visit(std::string_view(Text(key)), entry);
   });
 }
 
 // Calls visit(properties) for each interface called `name` among `interfaces`
-// (a{sa{sv}}) until it returns false. Returns false when a visit ended the
-// walk.
+// (a{sa{sv}}).
 template <typename Visitor>
-bool ForEachInterface(GVariant* interfaces, std::string_view name,
+void ForEachInterface(GVariant* interfaces, std::string_view name,
                       Visitor visit) {
-  return ForEachChild(interfaces, [name, &visit](GVariant* entry) {
-    const GVariantPtr key = Child(entry, 0);
-    if (g_variant_get_string(key.get(), nullptr) != name) return true;
-    return visit(Child(entry, 1).get());
+  ForEachChild(interfaces, [name, &visit](GVariant* entry) {
+    if (Text(Child(entry, 0)) == name) visit(Child(entry, 1).get());
   });
 }
 
 // Calls visit(path, properties) for each interface called `name` in a reply of
-// GetManagedObjects, in the daemon's order, until it returns false.
+// GetManagedObjects, in the daemon's order.
 template <typename Visitor>
 void ForEachManagedInterface(GVariant* reply, std::string_view name,
                              Visitor visit) {
   ForEachChild(Child(reply, 0).get(), [name, &visit](GVariant* entry) {
     const GVariantPtr path = Child(entry, 0);
-    return ForEachInterface(
-        Child(entry, 1).get(), name, [&](GVariant* properties) {
-          return visit(g_variant_get_string(path.get(), nullptr), properties);
-        });
+    ForEachInterface(Child(entry, 1).get(), name, [&](GVariant* properties) {
+      visit(Text(path), properties);
+    });
   });
 }
 
@@ -231,20 +226,28 @@ GVariantPtr BluezClient::CallSync(const BusCall& call, const char* what) const {
 }
 
 GVariantPtr BluezClient::GetManagedObjects(const char* what) const {
-  return CallSync({kObjectManagerPath, kObjectManagerInterface,
-                   "GetManagedObjects", nullptr, kManagedObjectsType},
-                  what);
+  BusCall call{kObjectManagerPath, kObjectManagerInterface,
+               "GetManagedObjects"};
+  call.reply_type = kManagedObjectsType;
+  return CallSync(call, what);
 }
 
 GVariantPtr BluezClient::GetDeviceProperty(const std::string& path,
                                            const char* property) const {
-  const GVariantPtr reply = CallSync(
-      {path.c_str(), kPropertiesInterface, "Get",
-       g_variant_new("(ss)", kDeviceInterface, property), kPropertyType});
-  if (reply == nullptr) return nullptr;
-  GVariant* value;
-  g_variant_get(reply.get(), "(v)", &value);
-  return GVariantPtr(value);
+  BusCall call{path.c_str(), kPropertiesInterface, "Get"};
+  call.arguments = g_variant_new("(ss)", kDeviceInterface, property);
+  call.reply_type = kPropertyType;
+  const GVariantPtr reply = CallSync(call);
+  return reply == nullptr ? nullptr : Unboxed(reply.get(), 0);
+}
+
+GVariantPtr BluezClient::GetAllProperties(const char* path,
+                                          const char* interface) const {
+  BusCall call{path, kPropertiesInterface, "GetAll"};
+  call.arguments = g_variant_new("(s)", interface);
+  call.reply_type = kPropertiesType;
+  const GVariantPtr reply = CallSync(call);
+  return reply == nullptr ? nullptr : Child(reply.get(), 0);
 }
 
 bool BluezClient::ResolveAdapter() {
@@ -252,6 +255,8 @@ bool BluezClient::ResolveAdapter() {
   if (reply == nullptr) return false;
   ForEachManagedInterface(reply.get(), kAdapterInterface,
                           [this](const gchar* path, GVariant* properties) {
+                            if (adapter_path_ != nullptr)
+                              return;  // the first adapter is taken
                             adapter_path_ = g_strdup(path);
                             ForEachProperty(
                                 properties, [this](auto key, GVariant* entry) {
@@ -260,18 +265,15 @@ bool BluezClient::ResolveAdapter() {
                                   if (key == "Name")
                                     ReadString(entry, &adapter_name_);
                                 });
-                            return false;  // the first adapter is taken
                           });
   return adapter_path_ != nullptr;
 }
 
 void BluezClient::RefreshAdapterProperties() {
   if (adapter_path_ == nullptr) return;
-  const GVariantPtr reply =
-      CallSync({adapter_path_, kPropertiesInterface, "GetAll",
-                g_variant_new("(s)", kAdapterInterface), kPropertiesType});
-  if (reply == nullptr) return;
-  const GVariantPtr properties = Child(reply.get(), 0);
+  const GVariantPtr properties =
+      GetAllProperties(adapter_path_, kAdapterInterface);
+  if (properties == nullptr) return;
   ForEachProperty(properties.get(), [this](auto key, GVariant* entry) {
     if (key == "Powered") ReadBoolean(entry, &powered_);
     if (key == "Discovering") ReadBoolean(entry, &discovering_);
@@ -304,15 +306,10 @@ void BluezClient::OnInterfacesAdded(GDBusConnection*, const gchar*,
   if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE(kInterfacesAddedType))) {
     return;
   }
-  const gchar* path;
-  GVariant* interfaces;
-  g_variant_get(parameters, "(&o@a{sa{sv}})", &path, &interfaces);
-  ForEachInterface(GVariantPtr(interfaces).get(), kDeviceInterface,
+  const GVariantPtr path = Child(parameters, 0);
+  ForEachInterface(Child(parameters, 1).get(), kDeviceInterface,
                    [&](GVariant* properties) {
-                     const DiscoveredDevice device =
-                         ParseDevice(path, properties);
-                     self->ReportDevice(device);
-                     return true;
+                     self->ReportDevice(ParseDevice(Text(path), properties));
                    });
 }
 
@@ -331,21 +328,17 @@ void BluezClient::OnPropertiesChanged(GDBusConnection*, const gchar*,
                             G_VARIANT_TYPE(kPropertiesChangedType))) {
     return;
   }
-  const gchar* interface;
-  g_variant_get_child(parameters, 0, "&s", &interface);
-  if (g_str_equal(interface, kAdapterInterface)) {
+  const GVariantPtr interface = Child(parameters, 0);
+  if (g_str_equal(Text(interface), kAdapterInterface)) {
     if (g_strcmp0(path, self->adapter_path_) != 0) return;
     self->RefreshAdapterProperties();
     const auto on_state_changed = self->on_state_changed;  // as ReportDevice()
     if (on_state_changed) on_state_changed();
-  } else if (g_str_equal(interface, kDeviceInterface)) {
-    const GVariantPtr reply = self->CallSync(
-        {path, kPropertiesInterface, "GetAll",
-         g_variant_new("(s)", kDeviceInterface), kPropertiesType});
-    if (reply == nullptr) return;
-    const GVariantPtr properties = Child(reply.get(), 0);
-    const DiscoveredDevice device = ParseDevice(path, properties.get());
-    self->ReportDevice(device);
+  } else if (g_str_equal(Text(interface), kDeviceInterface)) {
+    const GVariantPtr properties =
+        self->GetAllProperties(path, kDeviceInterface);
+    if (properties == nullptr) return;
+    self->ReportDevice(ParseDevice(path, properties.get()));
   }
 }
 
@@ -409,7 +402,6 @@ std::vector<DiscoveredDevice> BluezClient::GetKnownDevices() const {
   ForEachManagedInterface(reply.get(), kDeviceInterface,
                           [&devices](const gchar* path, GVariant* properties) {
                             devices.push_back(ParseDevice(path, properties));
-                            return true;
                           });
   return devices;
 }
@@ -442,13 +434,11 @@ std::string BluezClient::FindDevicePath(const std::string& address) const {
 
 int BluezClient::GetBondState(const std::string& address) const {
   const std::string path = FindDevicePath(address);
-  if (path.empty()) return kNotBonded;
+  if (path.empty()) return StateCode(false);
   const GVariantPtr paired = GetDeviceProperty(path, "Paired");
-  return paired != nullptr &&
-                 g_variant_is_of_type(paired.get(), G_VARIANT_TYPE_BOOLEAN) &&
-                 g_variant_get_boolean(paired.get())
-             ? kBonded
-             : kNotBonded;
+  return StateCode(paired != nullptr &&
+                   g_variant_is_of_type(paired.get(), G_VARIANT_TYPE_BOOLEAN) &&
+                   g_variant_get_boolean(paired.get()));
 }
 
 bool BluezClient::PairDevice(const std::string& address) {
@@ -457,9 +447,9 @@ bool BluezClient::PairDevice(const std::string& address) {
     Log("pair: device not known yet (" + address + ")");
     return false;
   }
-  return CallSync({path.c_str(), kDeviceInterface, "Pair", nullptr, nullptr,
-                   kPairTimeoutMs},
-                  "Pair()") != nullptr;
+  BusCall call{path.c_str(), kDeviceInterface, "Pair"};
+  call.timeout_ms = kPairTimeoutMs;
+  return CallSync(call, "Pair()") != nullptr;
 }
 
 bool BluezClient::RemoveDevice(const std::string& address) {

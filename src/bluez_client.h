@@ -16,6 +16,10 @@ struct GVariantUnref {
 };
 using GVariantPtr = std::unique_ptr<GVariant, GVariantUnref>;
 
+// The scale on which the application is told of an adapter, off or on, and of a
+// bond, absent or there: 10 or 12.
+constexpr int StateCode(bool on) { return 10 + 2 * static_cast<int>(on); }
+
 // One remote device as the daemon's org.bluez.Device1 object describes it
 // (BlueZ device API). A property that is absent, or not of its documented type,
 // leaves its field at the value given here.
@@ -35,9 +39,9 @@ struct DiscoveredDevice {
 // Everything runs on the main thread, where the daemon's signals and the
 // agent's calls are dispatched too, except GetKnownDevices(). Each call to
 // the daemon is synchronous and blocks for at most the bus library's default
-// timeout of 25 s, "Pair" for 60 s; a method makes up to three. Failures are
-// values; the ones worth telling are written to standard error with the bus's
-// own text.
+// timeout of 25 s, "Pair" for 60 s. A method makes at most three, Initialize()
+// four besides connecting. Failures are values; the ones worth telling are
+// written to standard error with the bus's own text.
 class BluezClient {
  public:
   BluezClient() = default;
@@ -110,6 +114,8 @@ class BluezClient {
   // Returns the value of one property of org.bluez.Device1, or null.
   GVariantPtr GetDeviceProperty(const std::string& path,
                                 const char* property) const;
+  // Returns the properties (a{sv}) of one interface of an object, or null.
+  GVariantPtr GetAllProperties(const char* path, const char* interface) const;
 
   bool ResolveAdapter();
   void RefreshAdapterProperties();

@@ -19,6 +19,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -29,6 +30,10 @@
 
 #include "bluez_client.h"
 #include "rfcomm_connection.h"
+
+#define LUMSO_BLUETOOTH_PLUGIN(object)                                     \
+  (G_TYPE_CHECK_INSTANCE_CAST((object), lumso_bluetooth_plugin_get_type(), \
+                              LumsoBluetoothPlugin))
 
 namespace lumso_bluetooth {
 namespace {
@@ -50,10 +55,6 @@ constexpr char kConnectionFailed[] = "ECONN";
 
 constexpr char kRssiUpdate[] = "rssiUpdate";
 constexpr char kDeviceLost[] = "deviceLost";
-
-// Both state scales of the application: off or not bonded, on or bonded.
-constexpr int kStateOff = 10;
-constexpr int kStateOn = 12;
 
 // Names of the devices that the prober asks for a reading begin with these.
 constexpr std::string_view kProbedNamePrefixes[] = {
@@ -157,7 +158,68 @@ namespace lumso_bluetooth {
 namespace {
 
 PluginState* StateOf(gpointer plugin) {
-  return static_cast<LumsoBluetoothPlugin*>(plugin)->state.get();
+  return LUMSO_BLUETOOTH_PLUGIN(plugin)->state.get();
+}
+
+// -- Method calls ------------------------------------------------------------
+
+// What a method handler works on; borrowed for the duration of the call.
+struct Call {
+  PluginState* state;
+  FlValue* args;
+  bool ready;  // there is a client with an adapter
+};
+
+FlMethodResponse* SuccessResponse(FlValue* result) {
+  return FL_METHOD_RESPONSE(fl_method_success_response_new(result));
+}
+
+FlMethodResponse* BoolResponse(bool result) {
+  g_autoptr(FlValue) value = fl_value_new_bool(result);
+  return SuccessResponse(value);
+}
+
+FlMethodResponse* IntResponse(int64_t result) {
+  g_autoptr(FlValue) value = fl_value_new_int(result);
+  return SuccessResponse(value);
+}
+
+FlMethodResponse* StringResponse(const gchar* result) {
+  g_autoptr(FlValue) value = fl_value_new_string(result);
+  return SuccessResponse(value);
+}
+
+FlMethodResponse* ErrorResponse(const char* code, const char* message) {
+  return FL_METHOD_RESPONSE(
+      fl_method_error_response_new(code, message, nullptr));
+}
+
+// Returns the argument `key`, borrowed, or null when the arguments are not a
+// map or have no such key.
+FlValue* Argument(const Call& call, const char* key) {
+  if (call.args == nullptr ||
+      fl_value_get_type(call.args) != FL_VALUE_TYPE_MAP) {
+    return nullptr;
+  }
+  return fl_value_lookup_string(call.args, key);
+}
+
+// Returns a string argument, borrowed, or null when it is missing.
+const gchar* StringArgument(const Call& call, const char* key) {
+  FlValue* value = Argument(call, key);
+  if (value == nullptr || fl_value_get_type(value) != FL_VALUE_TYPE_STRING) {
+    return nullptr;
+  }
+  return fl_value_get_string(value);
+}
+
+// Returns the argument "id", narrowed to the 32 bits that ids have; -1 when it
+// is missing, and 0, which is never handed out, when it is not an integer.
+int32_t IdArgument(const Call& call) {
+  FlValue* value = Argument(call, "id");
+  if (value == nullptr) return -1;
+  if (fl_value_get_type(value) != FL_VALUE_TYPE_INT) return 0;
+  return static_cast<int32_t>(fl_value_get_int(value));
 }
 
 // -- Event streams -----------------------------------------------------------
@@ -172,8 +234,8 @@ FlValue* DeviceToFlValue(const DiscoveredDevice& device) {
   fl_value_set_string_take(map, "type", fl_value_new_int(0));
   fl_value_set_string_take(map, "isConnected",
                            fl_value_new_int(device.connected ? 1 : 0));
-  fl_value_set_string_take(
-      map, "bondState", fl_value_new_int(device.paired ? kStateOn : kStateOff));
+  fl_value_set_string_take(map, "bondState",
+                           fl_value_new_int(StateCode(device.paired)));
   fl_value_set_string_take(map, "rssi", fl_value_new_int(device.rssi));
   return map;
 }
@@ -200,7 +262,7 @@ void SendDeviceEvent(PluginState* state, const DiscoveredDevice& device) {
 void SendStateEvent(PluginState* state) {
   if (state->state_channel == nullptr) return;
   g_autoptr(FlValue) event =
-      fl_value_new_int(state->client->powered() ? kStateOn : kStateOff);
+      fl_value_new_int(StateCode(state->client->powered()));
   SendEvent(state->state_channel, event);
 }
 
@@ -256,21 +318,103 @@ FlMethodErrorResponse* OnDebugCancel(FlEventChannel*, FlValue*, gpointer) {
   return nullptr;
 }
 
+// -- Adapter, devices and bonds ---------------------------------------------
+
+FlMethodResponse* DevicesResponse(
+    const std::vector<DiscoveredDevice>& devices) {
+  g_autoptr(FlValue) list = fl_value_new_list();
+  for (const DiscoveredDevice& device : devices) {
+    fl_value_append_take(list, DeviceToFlValue(device));
+  }
+  return SuccessResponse(list);
+}
+
+FlMethodResponse* HandleIsAvailable(const Call& call) {
+  return BoolResponse(call.ready);
+}
+
+FlMethodResponse* HandleIsEnabled(const Call& call) {
+  return BoolResponse(call.ready && call.state->client->powered());
+}
+
+FlMethodResponse* HandleGetState(const Call& call) {
+  return IntResponse(StateCode(call.ready && call.state->client->powered()));
+}
+
+FlMethodResponse* HandleGetAddress(const Call& call) {
+  return StringResponse(
+      call.ready ? call.state->client->adapter_address().c_str() : "");
+}
+
+FlMethodResponse* HandleGetName(const Call& call) {
+  return StringResponse(call.ready ? call.state->client->adapter_name().c_str()
+                                   : "");
+}
+
+FlMethodResponse* HandleIsDiscovering(const Call& call) {
+  return BoolResponse(call.ready && call.state->client->discovering());
+}
+
+FlMethodResponse* HandleStartDiscovery(const Call& call) {
+  return BoolResponse(call.ready && call.state->client->StartDiscovery());
+}
+
+FlMethodResponse* HandleCancelDiscovery(const Call& call) {
+  return BoolResponse(call.ready && call.state->client->StopDiscovery());
+}
+
+FlMethodResponse* HandleGetDiscoveredDevices(const Call& call) {
+  return DevicesResponse(call.ready ? call.state->client->GetKnownDevices()
+                                    : std::vector<DiscoveredDevice>());
+}
+
+FlMethodResponse* HandleGetBondedDevices(const Call& call) {
+  return DevicesResponse(call.ready ? call.state->client->GetBondedDevices()
+                                    : std::vector<DiscoveredDevice>());
+}
+
+FlMethodResponse* HandleGetBondState(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  return IntResponse(call.ready && address != nullptr
+                         ? call.state->client->GetBondState(address)
+                         : StateCode(false));
+}
+
+FlMethodResponse* HandleBondDevice(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  return BoolResponse(call.ready && address != nullptr &&
+                      call.state->client->PairDevice(address));
+}
+
+FlMethodResponse* HandleRemoveDeviceBond(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  return BoolResponse(call.ready && address != nullptr &&
+                      call.state->client->RemoveDevice(address));
+}
+
+FlMethodResponse* HandleGetPlatformVersion(const Call&) {
+  utsname system = {};
+  uname(&system);
+  g_autofree gchar* version = g_strdup_printf("Linux %s", system.version);
+  return StringResponse(version);
+}
+
+// The answer of every method that is false whatever the state is.
+FlMethodResponse* HandleAlwaysFalse(const Call&) { return BoolResponse(false); }
+
 // -- Side-band session -------------------------------------------------------
 
-ProbeOutcome ProbeSuccess(int32_t value = 0) {
-  return {true, value, false, ""};
-}
+// Why a probe came to nothing; no value while it goes well.
+struct ProbeFailure {
+  std::string error;
+  bool transient = false;
+};
+using MaybeFailure = std::optional<ProbeFailure>;
 
-ProbeOutcome ProbeFailure(std::string error, bool transient = false) {
-  return {false, 0, transient, std::move(error)};
-}
-
-ProbeOutcome ConnectFailure(int error) {
+ProbeFailure ConnectFailure(int error) {
   const bool transient =
       error == ENETUNREACH || error == ECONNREFUSED || error == EHOSTUNREACH;
-  return ProbeFailure(std::string("connect: ") + std::strerror(error),
-                      transient);
+  return {std::string("connect: ") + std::strerror(error), transient};
 }
 
 // Reads from `fd` until `buffer` holds `terminator`. Returns false on timeout,
@@ -314,9 +458,8 @@ bool SendAll(int fd, std::string_view bytes) {
   return true;
 }
 
-// Connects `fd` within kConnectTimeout and leaves it blocking. The outcome is
-// ok without a value.
-ProbeOutcome ConnectProbe(int fd, const sockaddr_rc& remote) {
+// Connects `fd` within kConnectTimeout and leaves it blocking.
+MaybeFailure ConnectProbe(int fd, const sockaddr_rc& remote) {
   const int flags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) <
@@ -324,13 +467,13 @@ ProbeOutcome ConnectProbe(int fd, const sockaddr_rc& remote) {
     if (errno != EINPROGRESS) return ConnectFailure(errno);
     pollfd wait = {fd, POLLOUT, 0};
     if (poll(&wait, 1, static_cast<int>(kConnectTimeout.count())) <= 0) {
-      return ProbeFailure("connect timeout");
+      return ProbeFailure{"connect timeout"};
     }
     const int error = TakeSocketError(fd);
     if (error != 0) return ConnectFailure(error);
   }
   fcntl(fd, F_SETFL, flags);
-  return ProbeSuccess();
+  return std::nullopt;
 }
 
 // Ends the plug-in's side and reads a little of what the device still sends.
@@ -344,69 +487,80 @@ void HalfCloseAndDrain(int fd) {
   }
 }
 
-// Runs the exchange on a connected socket and leaves the reply in `response`.
-// The outcome is ok without a value.
-ProbeOutcome RunProbeExchange(int fd, const std::string& secret,
-                              std::string* response) {
-  if (!RecvUntil(fd, response, "auth\r\n", kGreetingTimeout)) {
-    return ProbeFailure("greeting timeout");
+// Runs the exchange on a connected socket. `buffer`, empty before, serves all
+// of its waits and holds the reply in the end.
+MaybeFailure RunProbeExchange(int fd, const std::string& secret,
+                              std::string* buffer) {
+  if (!RecvUntil(fd, buffer, "auth\r\n", kGreetingTimeout)) {
+    return ProbeFailure{"greeting timeout"};
   }
-  response->clear();
+  buffer->clear();
   if (!SendAll(fd, "auth=" + secret + "\r\n")) {
-    return ProbeFailure("send auth");
+    return ProbeFailure{"send auth"};
   }
-  if (!RecvUntil(fd, response, "ready\r\n", kReadyTimeout)) {
-    return ProbeFailure("ready timeout");
+  if (!RecvUntil(fd, buffer, "ready\r\n", kReadyTimeout)) {
+    return ProbeFailure{"ready timeout"};
   }
-  response->clear();
-  if (!SendAll(fd, "rssi\r\n")) return ProbeFailure("send rssi");
-  if (!RecvUntil(fd, response, "!!END", kReplyTimeout)) {
-    return ProbeFailure("rssi timeout");
+  buffer->clear();
+  if (!SendAll(fd, "rssi\r\n")) return ProbeFailure{"send rssi"};
+  if (!RecvUntil(fd, buffer, "!!END", kReplyTimeout)) {
+    return ProbeFailure{"rssi timeout"};
   }
   HalfCloseAndDrain(fd);
-  return ProbeSuccess();
+  return std::nullopt;
 }
 
 // Reads the integer that follows the key "rssi" and a colon in a reply.
-ProbeOutcome ParseReading(const std::string& response) {
-  const size_t key = response.find("\"rssi\"");
-  if (key == std::string::npos) return ProbeFailure("no rssi in response");
-  const size_t colon = response.find(':', key);
-  if (colon == std::string::npos) return ProbeFailure("no rssi value");
-  const size_t start = response.find_first_not_of(" \t", colon + 1);
-  if (start == std::string::npos) return ProbeFailure("rssi value not integer");
-  const bool has_sign = response[start] == '+' || response[start] == '-';
+MaybeFailure ParseReading(const std::string& reply, int32_t* reading) {
+  const size_t key = reply.find("\"rssi\"");
+  if (key == std::string::npos) return ProbeFailure{"no rssi in response"};
+  const size_t colon = reply.find(':', key);
+  if (colon == std::string::npos) return ProbeFailure{"no rssi value"};
+  const size_t start =
+      std::min(reply.find_first_not_of(" \t", colon + 1), reply.size());
+  const bool has_sign =
+      start < reply.size() && (reply[start] == '+' || reply[start] == '-');
   const size_t end = std::min(
-      response.find_first_not_of("0123456789", start + (has_sign ? 1 : 0)),
-      response.size());
-  const std::string candidate = response.substr(start, end - start);
-  if (candidate.empty()) return ProbeFailure("rssi value not integer");
+      reply.find_first_not_of("0123456789", start + (has_sign ? 1 : 0)),
+      reply.size());
+  const std::string candidate = reply.substr(start, end - start);
+  if (candidate.empty()) return ProbeFailure{"rssi value not integer"};
 
   char* rest = nullptr;
   errno = 0;
   const long value = std::strtol(candidate.c_str(), &rest, 10);
   if (rest == candidate.c_str() || errno == ERANGE || value < INT32_MIN ||
       value > INT32_MAX) {
-    return ProbeFailure("rssi parse");
+    return ProbeFailure{"rssi parse"};
   }
-  return ProbeSuccess(static_cast<int32_t>(value));
+  *reading = static_cast<int32_t>(value);
+  return std::nullopt;
 }
 
-// Asks the device at `address` for its signal strength, on a connection of its
-// own. Prober thread; its waits add up to about seventeen seconds at most.
-ProbeOutcome ProbeDeviceRssi(const std::string& address,
-                             const std::string& secret) {
+// The steps of one probe, on a connection of its own.
+MaybeFailure Probe(const std::string& address, const std::string& secret,
+                   int32_t* reading) {
   sockaddr_rc remote;
-  if (!ParseRfcommAddress(address, &remote)) return ProbeFailure("bad address");
+  if (!ParseRfcommAddress(address, &remote)) return ProbeFailure{"bad address"};
   const int fd = OpenRfcommSocket();
   if (fd < 0) {
-    return ProbeFailure(std::string("socket: ") + std::strerror(errno));
+    return ProbeFailure{std::string("socket: ") + std::strerror(errno)};
   }
-  std::string response;
-  ProbeOutcome outcome = ConnectProbe(fd, remote);
-  if (outcome.ok) outcome = RunProbeExchange(fd, secret, &response);
+  std::string buffer;
+  MaybeFailure failure = ConnectProbe(fd, remote);
+  if (!failure) failure = RunProbeExchange(fd, secret, &buffer);
   close(fd);
-  return outcome.ok ? ParseReading(response) : outcome;
+  return failure ? failure : ParseReading(buffer, reading);
+}
+
+// Asks the device at `address` for its signal strength. Prober thread; its
+// waits add up to about seventeen seconds at most.
+ProbeOutcome ProbeDeviceRssi(const std::string& address,
+                             const std::string& secret) {
+  int32_t reading = 0;
+  const MaybeFailure failure = Probe(address, secret, &reading);
+  return {!failure, reading, failure && failure->transient,
+          failure ? failure->error : ""};
 }
 
 // -- Side-band events --------------------------------------------------------
@@ -545,6 +699,19 @@ void EnsureRssiProberStarted(PluginState* state) {
       StartThread("lumso-prober", [state] { RssiProbeLoop(state); });
 }
 
+FlMethodResponse* HandleSetAuthSecret(const Call& call) {
+  const gchar* secret = StringArgument(call, "secret");
+  if (secret == nullptr) {
+    return ErrorResponse(kInvalidArgument, "secret missing");
+  }
+  {
+    const std::lock_guard<std::mutex> lock(call.state->secret_mutex);
+    call.state->auth_secret = secret;
+  }
+  EnsureRssiProberStarted(call.state);
+  return SuccessResponse(nullptr);
+}
+
 // -- Connections -------------------------------------------------------------
 
 // Returns the read channel of connection `id`, or null. Transfer full.
@@ -609,141 +776,7 @@ FlEventChannel* NewReadChannel(PluginState* state, int32_t id) {
   return channel;
 }
 
-// -- Method handlers ---------------------------------------------------------
-
-// What a method handler works on; borrowed for the duration of the call.
-struct Call {
-  PluginState* state;
-  FlValue* args;
-  bool ready;  // there is a client with an adapter
-};
-
-FlMethodResponse* SuccessResponse(FlValue* result) {
-  return FL_METHOD_RESPONSE(fl_method_success_response_new(result));
-}
-
-FlMethodResponse* BoolResponse(bool result) {
-  g_autoptr(FlValue) value = fl_value_new_bool(result);
-  return SuccessResponse(value);
-}
-
-FlMethodResponse* IntResponse(int64_t result) {
-  g_autoptr(FlValue) value = fl_value_new_int(result);
-  return SuccessResponse(value);
-}
-
-FlMethodResponse* StringResponse(const gchar* result) {
-  g_autoptr(FlValue) value = fl_value_new_string(result);
-  return SuccessResponse(value);
-}
-
-FlMethodResponse* DevicesResponse(
-    const std::vector<DiscoveredDevice>& devices) {
-  g_autoptr(FlValue) list = fl_value_new_list();
-  for (const DiscoveredDevice& device : devices) {
-    fl_value_append_take(list, DeviceToFlValue(device));
-  }
-  return SuccessResponse(list);
-}
-
-FlMethodResponse* ErrorResponse(const char* code, const char* message) {
-  return FL_METHOD_RESPONSE(
-      fl_method_error_response_new(code, message, nullptr));
-}
-
-// Returns the argument `key`, borrowed, or null when the arguments are not a
-// map or have no such key.
-FlValue* Argument(const Call& call, const char* key) {
-  if (call.args == nullptr ||
-      fl_value_get_type(call.args) != FL_VALUE_TYPE_MAP) {
-    return nullptr;
-  }
-  return fl_value_lookup_string(call.args, key);
-}
-
-// Returns a string argument, borrowed, or null when it is missing.
-const gchar* StringArgument(const Call& call, const char* key) {
-  FlValue* value = Argument(call, key);
-  if (value == nullptr || fl_value_get_type(value) != FL_VALUE_TYPE_STRING) {
-    return nullptr;
-  }
-  return fl_value_get_string(value);
-}
-
-// Returns the argument "id", narrowed to the 32 bits that ids have; -1 when it
-// is missing, and 0, which is never handed out, when it is not an integer.
-int32_t IdArgument(const Call& call) {
-  FlValue* value = Argument(call, "id");
-  if (value == nullptr) return -1;
-  if (fl_value_get_type(value) != FL_VALUE_TYPE_INT) return 0;
-  return static_cast<int32_t>(fl_value_get_int(value));
-}
-
-FlMethodResponse* IsAvailable(const Call& call) {
-  return BoolResponse(call.ready);
-}
-
-FlMethodResponse* IsEnabled(const Call& call) {
-  return BoolResponse(call.ready && call.state->client->powered());
-}
-
-FlMethodResponse* GetState(const Call& call) {
-  return IntResponse(call.ready && call.state->client->powered() ? kStateOn
-                                                                 : kStateOff);
-}
-
-FlMethodResponse* GetAddress(const Call& call) {
-  return StringResponse(
-      call.ready ? call.state->client->adapter_address().c_str() : "");
-}
-
-FlMethodResponse* GetName(const Call& call) {
-  return StringResponse(call.ready ? call.state->client->adapter_name().c_str()
-                                   : "");
-}
-
-FlMethodResponse* IsDiscovering(const Call& call) {
-  return BoolResponse(call.ready && call.state->client->discovering());
-}
-
-FlMethodResponse* StartDiscovery(const Call& call) {
-  return BoolResponse(call.ready && call.state->client->StartDiscovery());
-}
-
-FlMethodResponse* CancelDiscovery(const Call& call) {
-  return BoolResponse(call.ready && call.state->client->StopDiscovery());
-}
-
-FlMethodResponse* GetDiscoveredDevices(const Call& call) {
-  return DevicesResponse(call.ready ? call.state->client->GetKnownDevices()
-                                    : std::vector<DiscoveredDevice>());
-}
-
-FlMethodResponse* GetBondedDevices(const Call& call) {
-  return DevicesResponse(call.ready ? call.state->client->GetBondedDevices()
-                                    : std::vector<DiscoveredDevice>());
-}
-
-FlMethodResponse* GetBondState(const Call& call) {
-  const gchar* address = StringArgument(call, "address");
-  return IntResponse(call.ready && address != nullptr
-                         ? call.state->client->GetBondState(address)
-                         : kStateOff);
-}
-
-FlMethodResponse* BondDevice(const Call& call) {
-  const gchar* address = StringArgument(call, "address");
-  return BoolResponse(call.ready && address != nullptr &&
-                      call.state->client->PairDevice(address));
-}
-
-FlMethodResponse* RemoveDeviceBond(const Call& call) {
-  const gchar* address = StringArgument(call, "address");
-  return BoolResponse(call.ready && address != nullptr &&
-                      call.state->client->RemoveDevice(address));
-}
-
-FlMethodResponse* Connect(const Call& call) {
+FlMethodResponse* HandleConnect(const Call& call) {
   const gchar* address = StringArgument(call, "address");
   if (address == nullptr || !call.ready) {
     return ErrorResponse(kInvalidArgument,
@@ -770,32 +803,7 @@ FlMethodResponse* Connect(const Call& call) {
   return IntResponse(id);
 }
 
-FlMethodResponse* SetAuthSecret(const Call& call) {
-  const gchar* secret = StringArgument(call, "secret");
-  if (secret == nullptr)
-    return ErrorResponse(kInvalidArgument, "secret missing");
-  {
-    const std::lock_guard<std::mutex> lock(call.state->secret_mutex);
-    call.state->auth_secret = secret;
-  }
-  EnsureRssiProberStarted(call.state);
-  return SuccessResponse(nullptr);
-}
-
-FlMethodResponse* Disconnect(const Call& call) {
-  const int32_t id = IdArgument(call);
-  if (id < 0) return BoolResponse(false);
-  PluginState* state = call.state;
-  const std::lock_guard<std::mutex> lock(state->connections_mutex);
-  const auto found = state->connections.find(id);
-  if (found == state->connections.end()) return BoolResponse(false);
-  found->second.connection->Close();
-  g_clear_object(&found->second.read_channel);
-  state->connections.erase(found);
-  return BoolResponse(true);
-}
-
-FlMethodResponse* Write(const Call& call) {
+FlMethodResponse* HandleWrite(const Call& call) {
   const int32_t id = IdArgument(call);
   FlValue* bytes = Argument(call, "bytes");
   if (bytes == nullptr ||
@@ -811,15 +819,20 @@ FlMethodResponse* Write(const Call& call) {
       found->second.connection->Write(fl_value_get_uint8_list(bytes), count));
 }
 
-// Methods that this platform does not offer.
-FlMethodResponse* Unsupported(const Call&) { return BoolResponse(false); }
-
-FlMethodResponse* GetPlatformVersion(const Call&) {
-  utsname system = {};
-  uname(&system);
-  g_autofree gchar* version = g_strdup_printf("Linux %s", system.version);
-  return StringResponse(version);
+FlMethodResponse* HandleDisconnect(const Call& call) {
+  const int32_t id = IdArgument(call);
+  if (id < 0) return BoolResponse(false);
+  PluginState* state = call.state;
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const auto found = state->connections.find(id);
+  if (found == state->connections.end()) return BoolResponse(false);
+  found->second.connection->Close();
+  g_clear_object(&found->second.read_channel);
+  state->connections.erase(found);
+  return BoolResponse(true);
 }
+
+// -- Dispatch ---------------------------------------------------------------
 
 struct Method {
   const char* name;
@@ -828,34 +841,34 @@ struct Method {
 
 // In order of comparison.
 constexpr Method kMethods[] = {
-    {"isAvailable", IsAvailable},
-    {"isEnabled", IsEnabled},
-    {"isOn", IsEnabled},
-    {"getState", GetState},
-    {"getAddress", GetAddress},
-    {"getName", GetName},
-    {"isDiscovering", IsDiscovering},
-    {"startDiscovery", StartDiscovery},
-    {"cancelDiscovery", CancelDiscovery},
-    {"getDiscoveredDevices", GetDiscoveredDevices},
-    {"getBondedDevices", GetBondedDevices},
-    {"getDeviceBondState", GetBondState},
-    {"getBondState", GetBondState},
-    {"bondDevice", BondDevice},
-    {"removeDeviceBond", RemoveDeviceBond},
-    {"connect", Connect},
-    {"setAuthSecret", SetAuthSecret},
-    {"disconnect", Disconnect},
-    {"write", Write},
-    {"requestEnable", Unsupported},
-    {"requestDisable", Unsupported},
-    {"openSettings", Unsupported},
-    {"isDiscoverable", Unsupported},
-    {"requestDiscoverable", Unsupported},
-    {"setName", Unsupported},
-    {"pairingRequestHandlingEnable", Unsupported},
-    {"pairingRequestHandlingDisable", Unsupported},
-    {"getPlatformVersion", GetPlatformVersion},
+    {"isAvailable", HandleIsAvailable},
+    {"isEnabled", HandleIsEnabled},
+    {"isOn", HandleIsEnabled},
+    {"getState", HandleGetState},
+    {"getAddress", HandleGetAddress},
+    {"getName", HandleGetName},
+    {"isDiscovering", HandleIsDiscovering},
+    {"startDiscovery", HandleStartDiscovery},
+    {"cancelDiscovery", HandleCancelDiscovery},
+    {"getDiscoveredDevices", HandleGetDiscoveredDevices},
+    {"getBondedDevices", HandleGetBondedDevices},
+    {"getDeviceBondState", HandleGetBondState},
+    {"getBondState", HandleGetBondState},
+    {"bondDevice", HandleBondDevice},
+    {"removeDeviceBond", HandleRemoveDeviceBond},
+    {"connect", HandleConnect},
+    {"setAuthSecret", HandleSetAuthSecret},
+    {"disconnect", HandleDisconnect},
+    {"write", HandleWrite},
+    {"requestEnable", HandleAlwaysFalse},
+    {"requestDisable", HandleAlwaysFalse},
+    {"openSettings", HandleAlwaysFalse},
+    {"isDiscoverable", HandleAlwaysFalse},
+    {"requestDiscoverable", HandleAlwaysFalse},
+    {"setName", HandleAlwaysFalse},
+    {"pairingRequestHandlingEnable", HandleAlwaysFalse},
+    {"pairingRequestHandlingDisable", HandleAlwaysFalse},
+    {"getPlatformVersion", HandleGetPlatformVersion},
 };
 
 const Method* FindMethod(const gchar* name) {
@@ -923,7 +936,7 @@ FlEventChannel* NewEventChannel(LumsoBluetoothPlugin* self, const char* name,
 }  // namespace lumso_bluetooth
 
 static void lumso_bluetooth_plugin_dispose(GObject* object) {
-  auto* self = reinterpret_cast<LumsoBluetoothPlugin*>(object);
+  LumsoBluetoothPlugin* self = LUMSO_BLUETOOTH_PLUGIN(object);
   if (self->state != nullptr) {
     lumso_bluetooth::TearDown(self->state.get());
     self->state.reset();
@@ -946,7 +959,7 @@ static void lumso_bluetooth_plugin_init(LumsoBluetoothPlugin* self) {
 void lumso_bluetooth_plugin_register_with_registrar(
     FlPluginRegistrar* registrar) {
   namespace lb = lumso_bluetooth;
-  auto* self = static_cast<LumsoBluetoothPlugin*>(
+  LumsoBluetoothPlugin* self = LUMSO_BLUETOOTH_PLUGIN(
       g_object_new(lumso_bluetooth_plugin_get_type(), nullptr));
   lb::PluginState* state = self->state.get();
   state->messenger = fl_plugin_registrar_get_messenger(registrar);
