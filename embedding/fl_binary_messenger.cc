@@ -1,6 +1,6 @@
 #include <flutter_linux/flutter_linux.h>
 
-G_DEFINE_QUARK(fl - binary - messenger - codec - error - quark,
+G_DEFINE_QUARK(fl_binary_messenger_codec_error_quark,
                fl_binary_messenger_codec_error)
 
 G_DEFINE_INTERFACE(FlBinaryMessenger, fl_binary_messenger, G_TYPE_OBJECT)
@@ -56,11 +56,11 @@ GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger* messenger,
       messenger, result, error);
 }
 
+// As in the SDK, these two leave a missing name to the messenger.
 void fl_binary_messenger_resize_channel(FlBinaryMessenger* messenger,
                                         const gchar* channel,
                                         int64_t new_size) {
   g_return_if_fail(FL_IS_BINARY_MESSENGER(messenger));
-  g_return_if_fail(channel != nullptr);
   FL_BINARY_MESSENGER_GET_IFACE(messenger)->resize_channel(messenger, channel,
                                                            new_size);
 }
@@ -68,7 +68,6 @@ void fl_binary_messenger_resize_channel(FlBinaryMessenger* messenger,
 void fl_binary_messenger_set_warns_on_channel_overflow(
     FlBinaryMessenger* messenger, const gchar* channel, bool warns) {
   g_return_if_fail(FL_IS_BINARY_MESSENGER(messenger));
-  g_return_if_fail(channel != nullptr);
   FL_BINARY_MESSENGER_GET_IFACE(messenger)->set_warns_on_channel_overflow(
       messenger, channel, warns);
 }

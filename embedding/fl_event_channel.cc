@@ -74,7 +74,7 @@ static GBytes* HandleRequest(FlEventChannel* self, GBytes* message) {
 }
 
 // Runs for every message on the channel. The messenger may drop the channel in
-// the course of it.
+// the course of it: kept until the end, as it is not in the SDK.
 static void MessageCb(FlBinaryMessenger* messenger, const gchar*,
                       GBytes* message,
                       FlBinaryMessengerResponseHandle* response_handle,
@@ -96,10 +96,13 @@ static void ClosedCb(gpointer user_data) {
   ClearHandlers(self);
 }
 
+// Whatever the application does inside the send, the caller keeps the channel
+// until it is done.
 static void Send(FlEventChannel* self, GBytes* message,
                  GCancellable* cancellable) {
   fl_binary_messenger_send_on_channel(self->messenger, self->name, message,
                                       cancellable, nullptr, nullptr);
+  g_assert(FL_IS_EVENT_CHANNEL(self));
 }
 
 static void fl_event_channel_dispose(GObject* object) {

@@ -1,6 +1,7 @@
 // FlMessageCodec and FlStandardMessageCodec.
 
 #include <flutter_linux/flutter_linux.h>
+#include <pthread.h>
 #include <string.h>
 
 #include <limits>
@@ -26,12 +27,7 @@ static constexpr uint8_t kFloat32List = 0x0e;
 static constexpr uint8_t kSize16 = 254;
 static constexpr uint8_t kSize32 = 255;
 
-// Deeper nesting than any message needs, and far from the end of the stack that
-// hostile bytes would otherwise reach.
-static constexpr int kMaxDepth = 1000;
-static thread_local int read_depth = 0;
-
-G_DEFINE_QUARK(fl - message - codec - error - quark, fl_message_codec_error)
+G_DEFINE_QUARK(fl_message_codec_error_quark, fl_message_codec_error)
 
 G_DEFINE_TYPE(FlMessageCodec, fl_message_codec, G_TYPE_OBJECT)
 
@@ -154,6 +150,31 @@ static gboolean ReadScalar(GBytes* buffer, size_t* offset, T* value,
   }
   memcpy(value, data, sizeof(T));
   return TRUE;
+}
+
+// Returns the address down to which the calling thread's stack is for reading.
+static const char* EndOfReadingStack() {
+  pthread_attr_t attributes;
+  void* lowest = nullptr;
+  size_t size = 0;
+  pthread_getattr_np(pthread_self(), &attributes);
+  pthread_attr_getstack(&attributes, &lowest, &size);
+  pthread_attr_destroy(&attributes);
+  return static_cast<const char*>(lowest) + size - size / 8;
+}
+
+// The SDK reads nested values until the stack ends, and the process with it.
+// Here most of the stack is kept back: freeing, comparing, printing and writing
+// such a value nest as deep, and in some builds take more for each level.
+static gboolean CheckNesting(GError** error) {
+  static thread_local const char* const end = EndOfReadingStack();
+  if (static_cast<const char*>(__builtin_frame_address(0)) > end) {
+    return TRUE;
+  }
+  g_set_error_literal(error, FL_MESSAGE_CODEC_ERROR,
+                      FL_MESSAGE_CODEC_ERROR_FAILED,
+                      "Values nested too deeply");
+  return FALSE;
 }
 
 static void SkipPadding(size_t* offset, size_t alignment) {
@@ -319,9 +340,11 @@ static gboolean fl_standard_message_codec_real_write_value(
   return FALSE;
 }
 
-static FlValue* fl_standard_message_codec_real_read_value_of_type(
-    FlStandardMessageCodec* codec, GBytes* buffer, size_t* offset, int type,
-    GError** error) {
+// Not inlined: what these types need on the stack would be there once for each
+// level of nesting.
+[[gnu::noinline]] static FlValue* ReadFlatValue(FlStandardMessageCodec* codec,
+                                                GBytes* buffer, size_t* offset,
+                                                int type, GError** error) {
   switch (type) {
     case kNull:
       return fl_value_new_null();
@@ -348,16 +371,25 @@ static FlValue* fl_standard_message_codec_real_read_value_of_type(
     case kFloat32List:
       return ReadNumbers(codec, buffer, offset, fl_value_new_float32_list,
                          error);
-    case kList:
-      return ReadList(codec, buffer, offset, error);
-    case kMap:
-      return ReadMap(codec, buffer, offset, error);
     default:
       g_set_error(error, FL_MESSAGE_CODEC_ERROR,
                   FL_MESSAGE_CODEC_ERROR_UNSUPPORTED_TYPE,
                   "Unexpected standard codec type %02x",
                   static_cast<unsigned>(type));
       return nullptr;
+  }
+}
+
+static FlValue* fl_standard_message_codec_real_read_value_of_type(
+    FlStandardMessageCodec* codec, GBytes* buffer, size_t* offset, int type,
+    GError** error) {
+  switch (type) {
+    case kList:
+      return ReadList(codec, buffer, offset, error);
+    case kMap:
+      return ReadMap(codec, buffer, offset, error);
+    default:
+      return ReadFlatValue(codec, buffer, offset, type, error);
   }
 }
 
@@ -479,19 +511,9 @@ FlValue* fl_standard_message_codec_read_value(FlStandardMessageCodec* codec,
   g_return_val_if_fail(FL_IS_STANDARD_MESSAGE_CODEC(codec), nullptr);
   g_return_val_if_fail(buffer != nullptr, nullptr);
   uint8_t type = 0;
-  if (!ReadScalar(buffer, offset, &type, error)) {
+  if (!ReadScalar(buffer, offset, &type, error) || !CheckNesting(error)) {
     return nullptr;
   }
-  if (read_depth == kMaxDepth) {
-    g_set_error_literal(error, FL_MESSAGE_CODEC_ERROR,
-                        FL_MESSAGE_CODEC_ERROR_FAILED,
-                        "Values nested too deeply");
-    return nullptr;
-  }
-  read_depth++;
-  FlValue* value =
-      FL_STANDARD_MESSAGE_CODEC_GET_CLASS(codec)->read_value_of_type(
-          codec, buffer, offset, type, error);
-  read_depth--;
-  return value;
+  return FL_STANDARD_MESSAGE_CODEC_GET_CLASS(codec)->read_value_of_type(
+      codec, buffer, offset, type, error);
 }

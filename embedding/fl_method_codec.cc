@@ -157,11 +157,11 @@ static FlMethodResponse* fl_standard_method_codec_decode_response(
     FlMethodCodec* codec, GBytes* message, GError** error) {
   gsize size = 0;
   const auto* data =
-      message != nullptr
-          ? static_cast<const uint8_t*>(g_bytes_get_data(message, &size))
-          : nullptr;
+      static_cast<const uint8_t*>(g_bytes_get_data(message, &size));
   if (size == 0) {
-    return FL_METHOD_RESPONSE(fl_method_not_implemented_response_new());
+    g_set_error_literal(error, FL_MESSAGE_CODEC_ERROR,
+                        FL_MESSAGE_CODEC_ERROR_OUT_OF_DATA, "Empty response");
+    return nullptr;
   }
   switch (data[0]) {
     case kSuccessEnvelope:
@@ -281,6 +281,9 @@ GBytes* fl_method_codec_encode_error_envelope(FlMethodCodec* codec,
 FlMethodResponse* fl_method_codec_decode_response(FlMethodCodec* codec,
                                                   GBytes* message,
                                                   GError** error) {
+  if (g_bytes_get_size(message) == 0) {
+    return FL_METHOD_RESPONSE(fl_method_not_implemented_response_new());
+  }
   return FL_METHOD_CODEC_GET_CLASS(codec)->decode_response(codec, message,
                                                            error);
 }

@@ -23,6 +23,8 @@ GBytes* fl_method_codec_encode_error_envelope(FlMethodCodec* codec,
                                               const gchar* message,
                                               FlValue* details, GError** error);
 
+// Decodes an answer of any kind; an empty one, which no codec gets to see,
+// means not implemented.
 FlMethodResponse* fl_method_codec_decode_response(FlMethodCodec* codec,
                                                   GBytes* message,
                                                   GError** error);

@@ -18,7 +18,7 @@ struct _FlMethodNotImplementedResponse {
   FlMethodResponse parent_instance;
 };
 
-G_DEFINE_QUARK(fl - method - response - error - quark, fl_method_response_error)
+G_DEFINE_QUARK(fl_method_response_error_quark, fl_method_response_error)
 
 G_DEFINE_TYPE(FlMethodResponse, fl_method_response, G_TYPE_OBJECT)
 G_DEFINE_TYPE(FlMethodSuccessResponse, fl_method_success_response,

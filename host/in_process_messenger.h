@@ -23,7 +23,10 @@ G_DECLARE_FINAL_TYPE(InProcessRegistrar, in_process_registrar, IN_PROCESS,
                      REGISTRAR, GObject)
 
 // Receives what the plug-in sends on a channel; `message` is borrowed and null
-// for an end of stream.
+// for an end of stream. Runs inside the send, as Dart's message handler does
+// where Dart shares the platform thread, and may call everything below, though
+// not release the messenger. That is more than Dart can do, whose own messages
+// wait for the main loop; an embedder's code in the same process can.
 using InProcessSink =
     std::function<void(const std::string& channel, GBytes* message)>;
 

@@ -4,6 +4,7 @@
 #include <flutter_linux/flutter_linux.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -72,6 +73,7 @@ class HostMessenger : public testing::Test {
       : messenger_(in_process_messenger_new(
             [this](const std::string& channel, GBytes* message) {
               log_.push_back("sent " + channel + " " + ToString(message));
+              if (inside_send_) inside_send_();
             })) {}
   ~HostMessenger() override {
     if (messenger_ != nullptr) Release();
@@ -117,6 +119,7 @@ class HostMessenger : public testing::Test {
   using Log = std::vector<std::string>;
 
   std::vector<std::string> log_;
+  std::function<void()> inside_send_;  // May be empty.
   std::thread::id answer_thread_;
   Recorder first_{&log_, "first"};
   Recorder second_{&log_, "second"};
@@ -204,6 +207,19 @@ TEST_F(HostMessenger, HandsWhatIsSentToTheSink) {
   Send("a", "event");
   Send("a", nullptr);
   EXPECT_EQ(TakeLog(), (Log{"sent a event", "sent a (null)"}));
+}
+
+TEST_F(HostMessenger, MayBeUsedInsideASend) {
+  Set("a", &first_);
+  inside_send_ = [this] {
+    Deliver("a", "x");
+    Set("a", &second_);
+    in_process_messenger_close(messenger_);
+  };
+  Send("a", "event");
+  log_.emplace_back("sent");
+  EXPECT_EQ(TakeLog(), (Log{"sent a event", "first a x", "answer re:x",
+                            "first destroyed", "second destroyed", "sent"}));
 }
 
 TEST_F(HostMessenger, SendsNothingOnceClosed) {

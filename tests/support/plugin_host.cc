@@ -121,7 +121,10 @@ PluginHost::~PluginHost() {
 void PluginHost::TakeEvent(const std::string& channel, GBytes* message) {
   const Envelope event = DecodeEnvelope(message);
   if (!observer_) {
-    records_.push_back({channel, DescribeEnvelope(event, "end of stream")});
+    const Record record = {channel, DescribeEnvelope(event, "end of stream")};
+    records_.push_back(record);
+    const Reaction reaction = reaction_;  // which may replace itself
+    if (reaction) reaction(record);
     return;
   }
   EXPECT_TRUE(event.kind == Envelope::Kind::kSuccess ||
@@ -175,5 +178,14 @@ std::vector<std::string> PluginHost::Events(const std::string& channel) const {
 }
 
 void PluginHost::Dispose() { in_process_messenger_close(messenger_); }
+
+void PluginHost::DropHandlers() {
+  for (const std::string& channel :
+       in_process_messenger_get_channels(messenger_)) {
+    fl_binary_messenger_set_message_handler_on_channel(
+        FL_BINARY_MESSENGER(messenger_), channel.c_str(), nullptr, nullptr,
+        nullptr);
+  }
+}
 
 }  // namespace lumso_test

@@ -49,6 +49,9 @@ class PluginHost {
   using Observer =
       std::function<void(const std::string& channel, FlValue* event)>;
 
+  // What the application does about an event, which is on record already.
+  using Reaction = std::function<void(const Record& event)>;
+
   PluginHost();
   ~PluginHost();
   PluginHost(const PluginHost&) = delete;
@@ -79,9 +82,17 @@ class PluginHost {
   // nothing: for runs whose records would fill the memory.
   void Observe(Observer observer) { observer_ = std::move(observer); }
 
+  // From now on runs `reaction` inside each send, in the middle of whatever the
+  // plug-in does there. It may do all that a case can do with this host but
+  // destroy it.
+  void ReactInsideSends(Reaction reaction) { reaction_ = std::move(reaction); }
+
   // Drops every handler, which lets go of the plug-in object. Does nothing the
   // second time.
   void Dispose();
+
+  // The same with an engine that goes on: what is still sent is recorded.
+  void DropHandlers();
 
  private:
   // Makes a record of an event or hands it to the observer.
@@ -89,6 +100,7 @@ class PluginHost {
 
   std::vector<Record> records_;
   Observer observer_;              // Empty: events are recorded.
+  Reaction reaction_;              // May be empty.
   InProcessMessenger* messenger_;  // Owned reference.
 };
 

@@ -111,16 +111,20 @@ static GBytes* test_messenger_send_on_channel_finish(
   return FromHex(traffic->reply_hex);
 }
 
+static std::string NameOrNull(const gchar* channel) {
+  return channel != nullptr ? channel : "(null)";
+}
+
 static void test_messenger_resize_channel(FlBinaryMessenger* messenger,
                                           const gchar* channel,
                                           int64_t new_size) {
-  TrafficOf(messenger)->log.push_back(std::string(channel) + " size " +
+  TrafficOf(messenger)->log.push_back(NameOrNull(channel) + " size " +
                                       std::to_string(new_size));
 }
 
 static void test_messenger_set_warns_on_channel_overflow(
     FlBinaryMessenger* messenger, const gchar* channel, bool warns) {
-  TrafficOf(messenger)->log.push_back(std::string(channel) +
+  TrafficOf(messenger)->log.push_back(NameOrNull(channel) +
                                       (warns ? " warns" : " is quiet"));
 }
 
@@ -367,16 +371,25 @@ TEST_F(MethodChannel, KeepsTheCallOpenAfterAResultThatCannotBeEncoded) {
   EXPECT_FALSE(fl_method_call_respond_success(call_.get(), custom, &error));
   EXPECT_TRUE(g_error_matches(error, FL_MESSAGE_CODEC_ERROR,
                               FL_MESSAGE_CODEC_ERROR_UNSUPPORTED_TYPE));
-  g_clear_error(&error);
-  g_autoptr(FlMethodResponse) response =
-      FL_METHOD_RESPONSE(fl_method_success_response_new(custom));
-  EXPECT_FALSE(fl_method_call_respond(call_.get(), response, &error));
-  EXPECT_TRUE(g_error_matches(error, FL_MESSAGE_CODEC_ERROR,
-                              FL_MESSAGE_CODEC_ERROR_UNSUPPORTED_TYPE));
   EXPECT_EQ(AnswerOn(handle.get()), "unanswered");
   EXPECT_TRUE(fl_method_call_respond_success(call_.get(), nullptr, nullptr));
   EXPECT_EQ(AnswerOn(handle.get()), "00 00");
 }
+
+#ifdef FLUTTER_LINUX_STAND_IN
+// The SDK hands back an error that it has freed.
+TEST_F(MethodChannel, GivesNoErrorForAResponseThatCannotBeEncoded) {
+  ObjectPtr<TestHandle> handle = DeliverCall();
+  g_autoptr(FlValue) custom = fl_value_new_custom(128, nullptr, nullptr);
+  g_autoptr(FlMethodResponse) response =
+      FL_METHOD_RESPONSE(fl_method_success_response_new(custom));
+  g_autoptr(GError) error = nullptr;
+  EXPECT_FALSE(fl_method_call_respond(call_.get(), response, &error));
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(AnswerOn(handle.get()), "unanswered");
+  EXPECT_TRUE(fl_method_call_respond_success(call_.get(), nullptr, nullptr));
+}
+#endif
 
 TEST_F(MethodChannel, RequiresTheCodeOfAnError) {
   ObjectPtr<TestHandle> handle = DeliverCall();
@@ -578,16 +591,19 @@ TEST_F(MethodChannel, FinishesInvokedMethodsWithAnError) {
                                   Reply::Finish, &failed);
   failed.Await();
   EXPECT_TRUE(g_error_matches(failed.error, G_IO_ERROR, G_IO_ERROR_FAILED));
-
-  g_autoptr(FlValue) custom = fl_value_new_custom(128, nullptr, nullptr);
-  Reply unsent;
-  fl_method_channel_invoke_method(channel_.get(), "ok", custom, nullptr,
-                                  Reply::Finish, &unsent);
-  unsent.Await();
-  EXPECT_TRUE(g_error_matches(unsent.error, FL_MESSAGE_CODEC_ERROR,
-                              FL_MESSAGE_CODEC_ERROR_UNSUPPORTED_TYPE));
-  EXPECT_EQ(traffic()->log.size(), 2u);
 }
+
+#ifdef FLUTTER_LINUX_STAND_IN
+// The SDK touches freed memory.
+TEST_F(MethodChannel, InvokesNothingWithArgumentsThatCannotBeEncoded) {
+  g_autoptr(FlValue) custom = fl_value_new_custom(128, nullptr, nullptr);
+  EXPECT_TRUE(IsProgrammingError("fl_method_channel_invoke_method", [&] {
+    fl_method_channel_invoke_method(channel_.get(), "ok", custom, nullptr,
+                                    Reply::Finish, nullptr);
+  }));
+  EXPECT_TRUE(traffic()->log.empty());
+}
+#endif
 
 namespace {
 
@@ -820,6 +836,8 @@ TEST_F(EventChannel, HandsItsNameToALaterChannel) {
   EXPECT_EQ(Ask(kListen), "00 00");
 }
 
+#ifdef FLUTTER_LINUX_STAND_IN
+// The SDK touches the channel that is gone.
 TEST_F(EventChannel, SurvivesThatItsHandlerClosesIt) {
   fl_event_channel_set_stream_handlers(
       channel_.get(),
@@ -832,6 +850,7 @@ TEST_F(EventChannel, SurvivesThatItsHandlerClosesIt) {
       nullptr, this, nullptr);
   EXPECT_EQ(Ask(kListen), "00 00");
 }
+#endif
 
 // An object that plug-ins are modelled on: it keeps two channels, each of which
 // keeps it, and drops them when the last of the two lets go.
@@ -896,14 +915,19 @@ TEST_F(Channels, AreControlledThroughTheMessenger) {
                                       "test/channel is quiet"}));
 }
 
+TEST_F(Channels, AreControlledWithoutALookAtTheirName) {
+  FlBinaryMessenger* messenger = messenger_.get();
+  fl_binary_messenger_resize_channel(messenger, nullptr, 1);
+  fl_binary_messenger_set_warns_on_channel_overflow(messenger, nullptr, true);
+  EXPECT_EQ(traffic()->log,
+            (std::vector<std::string>{"(null) size 1", "(null) warns"}));
+}
+
 TEST_F(Channels, NeedAMessengerAndAName) {
   FlBinaryMessenger* messenger = messenger_.get();
   EXPECT_TRUE(IsProgrammingError("fl_binary_messenger_send_on_channel", [&] {
     fl_binary_messenger_send_on_channel(messenger, nullptr, nullptr, nullptr,
                                         nullptr, nullptr);
-  }));
-  EXPECT_TRUE(IsProgrammingError("fl_binary_messenger_resize_channel", [&] {
-    fl_binary_messenger_resize_channel(messenger, nullptr, 1);
   }));
   EXPECT_TRUE(IsProgrammingError(
       "fl_binary_messenger_set_message_handler_on_channel", [&] {
@@ -914,6 +938,13 @@ TEST_F(Channels, NeedAMessengerAndAName) {
     EXPECT_FALSE(
         fl_binary_messenger_send_response(nullptr, nullptr, nullptr, nullptr));
   }));
+  EXPECT_TRUE(IsProgrammingError("fl_binary_messenger_resize_channel", [] {
+    fl_binary_messenger_resize_channel(nullptr, kName, 1);
+  }));
+  EXPECT_TRUE(IsProgrammingError(
+      "fl_binary_messenger_set_warns_on_channel_overflow", [] {
+        fl_binary_messenger_set_warns_on_channel_overflow(nullptr, kName, true);
+      }));
   EXPECT_TRUE(traffic()->log.empty());
 }
 

@@ -237,7 +237,7 @@ TEST(FlValue, LooksUpKeysOfAnyType) {
 TEST(FlValue, LooksUpInMapsOnly) {
   g_autoptr(FlValue) list = fl_value_new_list();
   for (FlValue* value : {list, static_cast<FlValue*>(nullptr)}) {
-    EXPECT_TRUE(IsProgrammingError("fl_value_lookup(", [&] {
+    EXPECT_TRUE(IsProgrammingError("fl_value_lookup_string", [&] {
       EXPECT_EQ(fl_value_lookup_string(value, "a"), nullptr);
     }));
     g_autoptr(FlValue) key = fl_value_new_string("a");

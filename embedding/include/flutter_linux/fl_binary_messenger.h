@@ -78,7 +78,7 @@ GBytes* fl_binary_messenger_send_on_channel_finish(FlBinaryMessenger* messenger,
                                                    GError** error);
 
 // How many messages the application keeps while nobody listens, and whether it
-// warns about those it drops.
+// warns about those it drops. The messenger gets the name as it is, null too.
 void fl_binary_messenger_resize_channel(FlBinaryMessenger* messenger,
                                         const gchar* channel, int64_t new_size);
 void fl_binary_messenger_set_warns_on_channel_overflow(

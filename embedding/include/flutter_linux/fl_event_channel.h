@@ -12,6 +12,7 @@ G_DECLARE_FINAL_TYPE(FlEventChannel, fl_event_channel, FL, EVENT_CHANNEL,
                      GObject)
 
 // Returns null to accept, or the error to answer, which the channel then owns.
+// It must not close its own channel: the SDK's does not survive that.
 typedef FlMethodErrorResponse* (*FlEventChannelHandler)(FlEventChannel* channel,
                                                         FlValue* args,
                                                         gpointer user_data);

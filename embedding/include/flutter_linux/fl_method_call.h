@@ -15,6 +15,7 @@ FlValue* fl_method_call_get_args(FlMethodCall* method_call);
 
 // Answers, on any thread. A result that cannot be encoded gives FALSE and an
 // error, and leaves the call open; after a second answer the error stays unset.
+// The first form never sets it: what the SDK leaves there is not to be touched.
 gboolean fl_method_call_respond(FlMethodCall* method_call,
                                 FlMethodResponse* response, GError** error);
 gboolean fl_method_call_respond_success(FlMethodCall* method_call,

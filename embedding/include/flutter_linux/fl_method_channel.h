@@ -25,6 +25,7 @@ void fl_method_channel_set_method_call_handler(
     gpointer user_data, GDestroyNotify destroy_notify);
 
 // Calls the application; the caller owns the response that finish returns.
+// Arguments that cannot be encoded are a programming error.
 void fl_method_channel_invoke_method(FlMethodChannel* channel,
                                      const gchar* method, FlValue* args,
                                      GCancellable* cancellable,

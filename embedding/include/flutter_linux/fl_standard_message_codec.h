@@ -24,7 +24,8 @@ FlStandardMessageCodec* fl_standard_message_codec_new(void);
 
 // Writers append. Alignment counts from the start of the buffer, readers' from
 // offset 0, so a buffer holds a whole message. Readers advance the offset; the
-// caller owns the value read.
+// caller owns the value read. How deep values may nest is up to the stack: an
+// eighth of it is for reading them.
 void fl_standard_message_codec_write_size(FlStandardMessageCodec* codec,
                                           GByteArray* buffer, uint32_t size);
 gboolean fl_standard_message_codec_read_size(FlStandardMessageCodec* codec,
