@@ -306,9 +306,13 @@ void BluezClient::OnInterfacesAdded(GDBusConnection*, const gchar*,
   if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE(kInterfacesAddedType))) {
     return;
   }
+  // A report may end the client, and nothing keeps a sender from naming an
+  // interface twice.
+  const std::weak_ptr<void> life = self->life_;
   const GVariantPtr path = Child(parameters, 0);
   ForEachInterface(Child(parameters, 1).get(), kDeviceInterface,
                    [&](GVariant* properties) {
+                     if (life.expired()) return;
                      self->ReportDevice(ParseDevice(Text(path), properties));
                    });
 }

@@ -155,6 +155,7 @@ class BluezClient {
   bool powered_ = false;
   bool discovering_ = false;
   bool discovery_started_ = false;  // by this client, and not yet stopped
+  const std::shared_ptr<void> life_ = std::make_shared<char>();  // ends with it
 
  public:
   // Called on the main thread with each new or changed device; the record lives

@@ -454,5 +454,25 @@ TEST_F(ClientCallable, MayDestroyTheClient) {
   ExpectOneCall([this] { client.reset(); });
 }
 
+// No daemon names an interface twice; what does must not bring the host down.
+TEST_F(ClientCallable, MayDestroyTheClientBetweenTwoDevicesOfOneSignal) {
+  MakeClient([this] { client.reset(); });
+  daemon->Kill();
+  g_autoptr(GVariant) reply =
+      bus->CallBus("org.freedesktop.DBus", "RequestName",
+                   g_variant_new("(su)", "org.bluez", 0));
+  g_autoptr(GVariant) twice = g_variant_ref_sink(
+      g_variant_new_parsed("(objectpath '/a', [{'org.bluez.Device1', "
+                           "@a{sv} {}}, {'org.bluez.Device1', @a{sv} {}}])"));
+  EXPECT_TRUE(WaitUntil([&] {
+    g_dbus_connection_emit_signal(bus->connection(), nullptr, "/",
+                                  kObjectManagerInterface, "InterfacesAdded",
+                                  twice, nullptr);
+    return !noted.empty();
+  }));
+  Settle();
+  EXPECT_THAT(noted, SizeIs(1));
+}
+
 }  // namespace
 }  // namespace lumso_test
