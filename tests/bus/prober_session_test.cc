@@ -533,8 +533,10 @@ TEST_F(ProbeExchange, DoesNotGoOnAfterAReadError) {
 
 TEST_F(ProbeExchange, FailsAtOnceWhenTheDeviceCloses) {
   const std::string at_once = AddTarget(HangUp);
-  const std::string in_greeting =
-      AddTarget([](Peer& peer) { peer.Send("auth\r"); });
+  const std::string in_greeting = AddTarget([](Peer& peer) {
+    peer.Send("auth\r");
+    peer.WaitUntilRead();
+  });
   const std::string after_auth = AddTarget([](Peer& peer) {
     peer.Send("auth\r\n");
     peer.ReceiveUntil("\r\n");
@@ -653,6 +655,8 @@ TEST_F(ProbeExchange, SurvivesADeviceThatClosedBeforeAWrite) {
     const bool ready_too = i == 1;
     const std::string address = AddTarget([closed, ready_too](Peer& peer) {
       peer.Send("auth\r\n");
+      // Before, connecting may be told of the end.
+      peer.WaitUntilRead();
       if (ready_too) {
         peer.ReceiveUntil("\r\n");
         peer.Send("ready\r\n");

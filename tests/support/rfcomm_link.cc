@@ -83,7 +83,7 @@ short RfcommLink::Events(Side side, short wanted) const {
   short events = 0;
   if (Unread(end.fd) > 0 || end.shut || (end.over && local_)) events |= POLLIN;
   if (end.over || end.shut) events |= POLLHUP;
-  if (end.error != 0 && !local_) events |= POLLERR;
+  if (end.error != 0) events |= POLLERR;
   if (Room(side) > kRfcommMostPerCall / 2) events |= POLLOUT;
   return static_cast<short>(events & (wanted | POLLERR | POLLHUP));
 }
@@ -162,7 +162,7 @@ void RfcommLink::EndOf(Side side, int error) {
   End& end = ends_[side];
   if (end.over) return;
   end.over = true;
-  if (!end.shut) end.error = error;
+  if (!end.shut && !local_) end.error = error;
 }
 
 void RfcommLink::Shutdown(Side side) {
