@@ -95,9 +95,9 @@ GVariantPtr Child(GVariant* container, gsize index) {
   return GVariantPtr(g_variant_get_child_value(container, index));
 }
 
-// The text of a string or an object path, borrowed.
-const gchar* Text(const GVariantPtr& value) {
-  return g_variant_get_string(value.get(), nullptr);
+// The text of a string or an object path, borrowed from the message.
+const gchar* Text(GVariant* value) {
+  return g_variant_get_string(value, nullptr);
 }
 
 // What is in the variant at `index`.
@@ -105,13 +105,14 @@ GVariantPtr Unboxed(GVariant* container, gsize index) {
   return GVariantPtr(g_variant_get_variant(Child(container, index).get()));
 }
 
-// The readers take an entry of an a{sv} and leave `field` alone when its value
-// has another type. Only they unbox a value: a record uses few of a device's
-// properties, and most of what a walk costs is the memory that it touches.
+// ReadString() and its like take an entry of an a{sv} and leave `field` alone
+// when its value has another type. A walk leaves unboxing to them: a record
+// uses few of a device's properties, and most of the cost is the memory
+// touched.
 void ReadString(GVariant* entry, std::string* field) {
   const GVariantPtr value = Unboxed(entry, 1);
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING)) {
-    *field = g_variant_get_string(value.get(), nullptr);
+    *field = Text(value.get());
   }
 }
 
@@ -140,9 +141,8 @@ void ReadStrings(GVariant* entry, std::vector<std::string>* field) {
   const GVariantPtr value = Unboxed(entry, 1);
   if (!g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING_ARRAY)) return;
   field->reserve(g_variant_n_children(value.get()));
-  ForEachChild(value.get(), [field](GVariant* text) {
-    field->emplace_back(g_variant_get_string(text, nullptr));
-  });
+  ForEachChild(value.get(),
+               [field](GVariant* text) { field->emplace_back(Text(text)); });
 }
 
 // Calls visit(key, entry) for each entry of `properties` (a{sv}), in order.
@@ -150,7 +150,7 @@ template <typename Visitor>
 void ForEachProperty(GVariant* properties, Visitor visit) {
   ForEachChild(properties, [&visit](GVariant* entry) {
     const GVariantPtr key = Child(entry, 0);
-    visit(std::string_view(Text(key)), entry);
+    visit(std::string_view(Text(key.get())), entry);
   });
 }
 
@@ -160,20 +160,7 @@ template <typename Visitor>
 void ForEachInterface(GVariant* interfaces, std::string_view name,
                       Visitor visit) {
   ForEachChild(interfaces, [name, &visit](GVariant* entry) {
-    if (Text(Child(entry, 0)) == name) visit(Child(entry, 1).get());
-  });
-}
-
-// Calls visit(path, properties) for each interface called `name` in a reply of
-// GetManagedObjects, in the daemon's order.
-template <typename Visitor>
-void ForEachManagedInterface(GVariant* reply, std::string_view name,
-                             Visitor visit) {
-  ForEachChild(Child(reply, 0).get(), [name, &visit](GVariant* entry) {
-    const GVariantPtr path = Child(entry, 0);
-    ForEachInterface(Child(entry, 1).get(), name, [&](GVariant* properties) {
-      visit(Text(path), properties);
-    });
+    if (Text(Child(entry, 0).get()) == name) visit(Child(entry, 1).get());
   });
 }
 
@@ -253,20 +240,26 @@ GVariantPtr BluezClient::GetAllProperties(const char* path,
 bool BluezClient::ResolveAdapter() {
   const GVariantPtr reply = GetManagedObjects("GetManagedObjects");
   if (reply == nullptr) return false;
-  ForEachManagedInterface(reply.get(), kAdapterInterface,
-                          [this](const gchar* path, GVariant* properties) {
-                            if (adapter_path_ != nullptr)
-                              return;  // the first adapter is taken
-                            adapter_path_ = g_strdup(path);
-                            ForEachProperty(
-                                properties, [this](auto key, GVariant* entry) {
-                                  if (key == "Address")
-                                    ReadString(entry, &adapter_address_);
-                                  if (key == "Name")
-                                    ReadString(entry, &adapter_name_);
-                                });
-                          });
+  const GVariantPtr objects = Child(reply.get(), 0);
+  const gsize count = g_variant_n_children(objects.get());
+  for (gsize i = 0; i < count && adapter_path_ == nullptr; ++i) {
+    const GVariantPtr object = Child(objects.get(), i);
+    const GVariantPtr path = Child(object.get(), 0);
+    ForEachInterface(Child(object.get(), 1).get(), kAdapterInterface,
+                     [&](GVariant* properties) {
+                       TakeAdapter(Text(path.get()), properties);
+                     });
+  }
   return adapter_path_ != nullptr;
+}
+
+void BluezClient::TakeAdapter(const char* path, GVariant* properties) {
+  if (adapter_path_ != nullptr) return;  // the first one counts
+  adapter_path_ = g_strdup(path);
+  ForEachProperty(properties, [this](auto key, GVariant* entry) {
+    if (key == "Address") ReadString(entry, &adapter_address_);
+    if (key == "Name") ReadString(entry, &adapter_name_);
+  });
 }
 
 void BluezClient::RefreshAdapterProperties() {
@@ -310,11 +303,11 @@ void BluezClient::OnInterfacesAdded(GDBusConnection*, const gchar*,
   // interface twice.
   const std::weak_ptr<void> life = self->life_;
   const GVariantPtr path = Child(parameters, 0);
-  ForEachInterface(Child(parameters, 1).get(), kDeviceInterface,
-                   [&](GVariant* properties) {
-                     if (life.expired()) return;
-                     self->ReportDevice(ParseDevice(Text(path), properties));
-                   });
+  ForEachInterface(
+      Child(parameters, 1).get(), kDeviceInterface, [&](GVariant* properties) {
+        if (life.expired()) return;
+        self->ReportDevice(ParseDevice(Text(path.get()), properties));
+      });
 }
 
 // Devices that go are not reported.
@@ -333,12 +326,11 @@ void BluezClient::OnPropertiesChanged(GDBusConnection*, const gchar*,
     return;
   }
   const GVariantPtr interface = Child(parameters, 0);
-  if (g_str_equal(Text(interface), kAdapterInterface)) {
+  if (g_str_equal(Text(interface.get()), kAdapterInterface)) {
     if (g_strcmp0(path, self->adapter_path_) != 0) return;
     self->RefreshAdapterProperties();
-    const auto on_state_changed = self->on_state_changed;  // as ReportDevice()
-    if (on_state_changed) on_state_changed();
-  } else if (g_str_equal(Text(interface), kDeviceInterface)) {
+    self->ReportState();
+  } else if (g_str_equal(Text(interface.get()), kDeviceInterface)) {
     const GVariantPtr properties =
         self->GetAllProperties(path, kDeviceInterface);
     if (properties == nullptr) return;
@@ -346,10 +338,16 @@ void BluezClient::OnPropertiesChanged(GDBusConnection*, const gchar*,
   }
 }
 
-// Calls a copy: the application may replace or clear the callable from within.
+// Both call a copy: the application may replace or clear the callable, or end
+// this client, from within.
 void BluezClient::ReportDevice(const DiscoveredDevice& device) const {
   const auto callable = on_device;
   if (callable) callable(device);
+}
+
+void BluezClient::ReportState() const {
+  const auto callable = on_state_changed;
+  if (callable) callable();
 }
 
 bool BluezClient::StartDiscovery() {
@@ -403,10 +401,13 @@ std::vector<DiscoveredDevice> BluezClient::GetKnownDevices() const {
   if (connection_ == nullptr) return devices;
   const GVariantPtr reply = GetManagedObjects();
   if (reply == nullptr) return devices;
-  ForEachManagedInterface(reply.get(), kDeviceInterface,
-                          [&devices](const gchar* path, GVariant* properties) {
-                            devices.push_back(ParseDevice(path, properties));
-                          });
+  ForEachChild(Child(reply.get(), 0).get(), [&devices](GVariant* object) {
+    const GVariantPtr path = Child(object, 0);
+    ForEachInterface(
+        Child(object, 1).get(), kDeviceInterface, [&](GVariant* properties) {
+          devices.push_back(ParseDevice(Text(path.get()), properties));
+        });
+  });
   return devices;
 }
 

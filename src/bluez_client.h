@@ -118,6 +118,7 @@ class BluezClient {
   GVariantPtr GetAllProperties(const char* path, const char* interface) const;
 
   bool ResolveAdapter();
+  void TakeAdapter(const char* path, GVariant* properties);
   void RefreshAdapterProperties();
   void Subscribe();
 
@@ -134,6 +135,7 @@ class BluezClient {
                                   const gchar* interface, const gchar* signal,
                                   GVariant* parameters, gpointer user_data);
   void ReportDevice(const DiscoveredDevice& device) const;
+  void ReportState() const;
 
   bool RegisterAgent();
   void UnregisterAgent();
@@ -155,7 +157,8 @@ class BluezClient {
   bool powered_ = false;
   bool discovering_ = false;
   bool discovery_started_ = false;  // by this client, and not yet stopped
-  const std::shared_ptr<void> life_ = std::make_shared<char>();  // ends with it
+  // By it a handler sees that a report destroyed the client.
+  const std::shared_ptr<void> life_ = std::make_shared<char>();
 
  public:
   // Called on the main thread with each new or changed device; the record lives

@@ -135,14 +135,6 @@ struct SideBandEvent {
   int32_t value;  // 0 for kDeviceLost
 };
 
-// What one probe of a device came to.
-struct ProbeOutcome {
-  bool ok;
-  int32_t value;      // the reading in dBm; 0 unless ok
-  bool transient;     // a failure that is not counted
-  std::string error;  // empty when ok
-};
-
 }  // namespace
 }  // namespace lumso_bluetooth
 
@@ -240,16 +232,17 @@ FlValue* DeviceToFlValue(const DiscoveredDevice& device) {
   return map;
 }
 
-// Sends `event`; null is the end of the stream. The application may handle an
-// event inside the send and make any call from there, so no caller holds a lock
-// or touches the state afterwards; the channel is kept until the send is done.
+// The application may handle an event inside the send and make any call from
+// there, or end the plug-in. So no caller holds a lock or touches the state
+// afterwards, and the channel is kept until the send is done.
 void SendEvent(FlEventChannel* channel, FlValue* event) {
   g_autoptr(FlEventChannel) kept = FL_EVENT_CHANNEL(g_object_ref(channel));
-  if (event == nullptr) {
-    fl_event_channel_send_end_of_stream(kept, nullptr, nullptr);
-  } else {
-    fl_event_channel_send(kept, event, nullptr, nullptr);
-  }
+  fl_event_channel_send(kept, event, nullptr, nullptr);
+}
+
+void SendEndOfStream(FlEventChannel* channel) {
+  g_autoptr(FlEventChannel) kept = FL_EVENT_CHANNEL(g_object_ref(channel));
+  fl_event_channel_send_end_of_stream(kept, nullptr, nullptr);
 }
 
 void SendDeviceEvent(PluginState* state, const DiscoveredDevice& device) {
@@ -267,8 +260,8 @@ void SendStateEvent(PluginState* state) {
 }
 
 // Returns the state that a stream handler works on, or null when there is no
-// client. The installed callables hold it plainly: they belong to the client,
-// which goes before the state does.
+// client. The installed callables hold it plainly: they go with the client, and
+// nothing follows a send in them, which may outlast both.
 PluginState* StateWithClient(gpointer plugin) {
   if (plugin == nullptr) return nullptr;
   PluginState* state = StateOf(plugin);
@@ -318,7 +311,19 @@ FlMethodErrorResponse* OnDebugCancel(FlEventChannel*, FlValue*, gpointer) {
   return nullptr;
 }
 
-// -- Adapter, devices and bonds ---------------------------------------------
+// Makes one event channel, whose handlers keep the plug-in. Transfer full.
+FlEventChannel* NewEventChannel(LumsoBluetoothPlugin* self, const char* name,
+                                FlMethodCodec* codec,
+                                FlEventChannelHandler listen,
+                                FlEventChannelHandler cancel) {
+  FlEventChannel* channel =
+      fl_event_channel_new(self->state->messenger, name, codec);
+  fl_event_channel_set_stream_handlers(channel, listen, cancel,
+                                       g_object_ref(self), g_object_unref);
+  return channel;
+}
+
+// -- Adapter, devices and bonds ----------------------------------------------
 
 FlMethodResponse* DevicesResponse(
     const std::vector<DiscoveredDevice>& devices) {
@@ -402,7 +407,135 @@ FlMethodResponse* HandleGetPlatformVersion(const Call&) {
 // The answer of every method that is false whatever the state is.
 FlMethodResponse* HandleAlwaysFalse(const Call&) { return BoolResponse(false); }
 
+// -- Connections -------------------------------------------------------------
+
+// Returns the read channel of connection `id`, borrowed from the table, which
+// only this thread changes, or null. Main thread.
+FlEventChannel* ReadChannelOf(PluginState* state, int32_t id) {
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const auto found = state->connections.find(id);
+  return found == state->connections.end() ? nullptr
+                                           : found->second.read_channel;
+}
+
+// Main thread. Consumes the record.
+gboolean DispatchReadBytes(gpointer user_data) {
+  const std::unique_ptr<ReadChunk> chunk(static_cast<ReadChunk*>(user_data));
+  const std::shared_ptr<PluginState> state = chunk->state.lock();
+  if (state == nullptr) return G_SOURCE_REMOVE;
+  FlEventChannel* channel = ReadChannelOf(state.get(), chunk->id);
+  if (channel == nullptr) return G_SOURCE_REMOVE;
+  if (chunk->end) {
+    SendEndOfStream(channel);
+  } else {
+    g_autoptr(FlValue) event =
+        fl_value_new_uint8_list(chunk->bytes.data(), chunk->bytes.size());
+    SendEvent(channel, event);
+  }
+  return G_SOURCE_REMOVE;
+}
+
+// Runs on the reader thread. Takes no lock: Close() joins this thread while the
+// main thread holds connections_mutex.
+void QueueReadChunk(const std::weak_ptr<PluginState>& state, int32_t id,
+                    const uint8_t* data, size_t count, bool end) {
+  auto chunk = std::make_unique<ReadChunk>(
+      ReadChunk{state, id, std::vector<uint8_t>(data, data + count), end});
+  g_idle_add(DispatchReadBytes, chunk.release());
+}
+
+// What a device sends is passed on whether or not anybody listens.
+FlMethodErrorResponse* OnReadListen(FlEventChannel*, FlValue*, gpointer) {
+  return nullptr;
+}
+
+FlMethodErrorResponse* OnReadCancel(FlEventChannel*, FlValue*, gpointer) {
+  return nullptr;
+}
+
+void FreeReadChannelContext(gpointer user_data) {
+  delete static_cast<ReadChannelContext*>(user_data);
+}
+
+// Makes the read channel of connection `id`. Transfer full.
+FlEventChannel* NewReadChannel(PluginState* state, int32_t id) {
+  g_autofree gchar* name = g_strdup_printf(kReadChannelFormat, id);
+  g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
+  FlEventChannel* channel =
+      fl_event_channel_new(state->messenger, name, FL_METHOD_CODEC(codec));
+  auto context =
+      std::make_unique<ReadChannelContext>(ReadChannelContext{state, id});
+  fl_event_channel_set_stream_handlers(channel, OnReadListen, OnReadCancel,
+                                       context.release(),
+                                       FreeReadChannelContext);
+  return channel;
+}
+
+FlMethodResponse* HandleConnect(const Call& call) {
+  const gchar* address = StringArgument(call, "address");
+  if (address == nullptr || !call.ready) {
+    return ErrorResponse(kInvalidArgument,
+                         "BT not initialized or address missing");
+  }
+  auto connection = std::make_unique<RfcommConnection>();
+  if (!connection->Connect(address)) {
+    return ErrorResponse(kConnectionFailed, "RFCOMM connect failed");
+  }
+
+  PluginState* state = call.state;
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const int32_t id = state->next_connection_id++;
+  FlEventChannel* read_channel = NewReadChannel(state, id);
+  // Nothing is delivered before the entry exists and the answer has left: the
+  // chunks go through the main loop, and this handler holds the main thread.
+  connection->Start([weak_state = state->weak_from_this(), id](
+                        const uint8_t* data, size_t count, bool end) {
+    QueueReadChunk(weak_state, id, data, count, end);
+  });
+  state->connections.emplace(
+      id, PluginState::ConnectionEntry{std::move(connection), read_channel,
+                                       address});
+  return IntResponse(id);
+}
+
+FlMethodResponse* HandleWrite(const Call& call) {
+  const int32_t id = IdArgument(call);
+  FlValue* bytes = Argument(call, "bytes");
+  if (bytes == nullptr ||
+      fl_value_get_type(bytes) != FL_VALUE_TYPE_UINT8_LIST) {
+    return BoolResponse(false);
+  }
+  const size_t count = fl_value_get_length(bytes);
+  if (id < 0 || count == 0) return BoolResponse(false);
+  const std::lock_guard<std::mutex> lock(call.state->connections_mutex);
+  const auto found = call.state->connections.find(id);
+  return BoolResponse(
+      found != call.state->connections.end() &&
+      found->second.connection->Write(fl_value_get_uint8_list(bytes), count));
+}
+
+FlMethodResponse* HandleDisconnect(const Call& call) {
+  const int32_t id = IdArgument(call);
+  if (id < 0) return BoolResponse(false);
+  PluginState* state = call.state;
+  const std::lock_guard<std::mutex> lock(state->connections_mutex);
+  const auto found = state->connections.find(id);
+  if (found == state->connections.end()) return BoolResponse(false);
+  found->second.connection->Close();
+  g_clear_object(&found->second.read_channel);
+  state->connections.erase(found);
+  return BoolResponse(true);
+}
+
 // -- Side-band session -------------------------------------------------------
+
+// What one probe of a device came to.
+struct ProbeOutcome {
+  bool ok;
+  int32_t value;      // the reading in dBm; 0 unless ok
+  bool transient;     // a failure that is not counted
+  std::string error;  // empty when ok
+};
 
 // Why a probe came to nothing; no value while it goes well.
 struct ProbeFailure {
@@ -446,18 +579,6 @@ bool RecvUntil(int fd, std::string* buffer, const char* terminator,
   }
 }
 
-bool SendAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = write(fd, bytes.data(), bytes.size());
-    if (count > 0) {
-      bytes.remove_prefix(static_cast<size_t>(count));
-    } else if (count == 0 || errno != EINTR) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // Connects `fd` within kConnectTimeout and leaves it blocking.
 MaybeFailure ConnectProbe(int fd, const sockaddr_rc& remote) {
   const int flags = fcntl(fd, F_GETFL);
@@ -495,14 +616,15 @@ MaybeFailure RunProbeExchange(int fd, const std::string& secret,
     return ProbeFailure{"greeting timeout"};
   }
   buffer->clear();
-  if (!SendAll(fd, "auth=" + secret + "\r\n")) {
+  const std::string auth = "auth=" + secret + "\r\n";
+  if (!WriteAll(fd, auth.data(), auth.size())) {
     return ProbeFailure{"send auth"};
   }
   if (!RecvUntil(fd, buffer, "ready\r\n", kReadyTimeout)) {
     return ProbeFailure{"ready timeout"};
   }
   buffer->clear();
-  if (!SendAll(fd, "rssi\r\n")) return ProbeFailure{"send rssi"};
+  if (!WriteAll(fd, "rssi\r\n", 6)) return ProbeFailure{"send rssi"};
   if (!RecvUntil(fd, buffer, "!!END", kReplyTimeout)) {
     return ProbeFailure{"rssi timeout"};
   }
@@ -604,7 +726,6 @@ bool IsProbedName(std::string_view name) {
 }
 
 // Returns the address and name of each device to probe, in the daemon's order.
-// The name tells only a debugger why the device is there.
 std::vector<std::pair<std::string, std::string>> ProbeTargets(
     const PluginState& state) {
   std::vector<std::pair<std::string, std::string>> targets;
@@ -712,127 +833,7 @@ FlMethodResponse* HandleSetAuthSecret(const Call& call) {
   return SuccessResponse(nullptr);
 }
 
-// -- Connections -------------------------------------------------------------
-
-// Returns the read channel of connection `id`, or null. Transfer full.
-FlEventChannel* ReadChannelOf(PluginState* state, int32_t id) {
-  const std::lock_guard<std::mutex> lock(state->connections_mutex);
-  const auto found = state->connections.find(id);
-  if (found == state->connections.end() ||
-      found->second.read_channel == nullptr) {
-    return nullptr;
-  }
-  return FL_EVENT_CHANNEL(g_object_ref(found->second.read_channel));
-}
-
-// Main thread. Consumes the record.
-gboolean DispatchReadBytes(gpointer user_data) {
-  const std::unique_ptr<ReadChunk> chunk(static_cast<ReadChunk*>(user_data));
-  const std::shared_ptr<PluginState> state = chunk->state.lock();
-  if (state == nullptr) return G_SOURCE_REMOVE;
-  g_autoptr(FlEventChannel) channel = ReadChannelOf(state.get(), chunk->id);
-  if (channel == nullptr) return G_SOURCE_REMOVE;
-  g_autoptr(FlValue) event = nullptr;
-  if (!chunk->end) {
-    event = fl_value_new_uint8_list(chunk->bytes.data(), chunk->bytes.size());
-  }
-  SendEvent(channel, event);
-  return G_SOURCE_REMOVE;
-}
-
-// Runs on the reader thread. Takes no lock: Close() joins this thread while the
-// main thread holds connections_mutex.
-void QueueReadChunk(const std::weak_ptr<PluginState>& state, int32_t id,
-                    const uint8_t* data, size_t count, bool end) {
-  auto chunk = std::make_unique<ReadChunk>(
-      ReadChunk{state, id, std::vector<uint8_t>(data, data + count), end});
-  g_idle_add(DispatchReadBytes, chunk.release());
-}
-
-// What a device sends is passed on whether or not anybody listens.
-FlMethodErrorResponse* OnReadListen(FlEventChannel*, FlValue*, gpointer) {
-  return nullptr;
-}
-
-FlMethodErrorResponse* OnReadCancel(FlEventChannel*, FlValue*, gpointer) {
-  return nullptr;
-}
-
-void FreeReadChannelContext(gpointer user_data) {
-  delete static_cast<ReadChannelContext*>(user_data);
-}
-
-// Makes the read channel of connection `id`. Transfer full.
-FlEventChannel* NewReadChannel(PluginState* state, int32_t id) {
-  g_autofree gchar* name = g_strdup_printf(kReadChannelFormat, id);
-  g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
-  FlEventChannel* channel =
-      fl_event_channel_new(state->messenger, name, FL_METHOD_CODEC(codec));
-  auto context =
-      std::make_unique<ReadChannelContext>(ReadChannelContext{state, id});
-  fl_event_channel_set_stream_handlers(channel, OnReadListen, OnReadCancel,
-                                       context.release(),
-                                       FreeReadChannelContext);
-  return channel;
-}
-
-FlMethodResponse* HandleConnect(const Call& call) {
-  const gchar* address = StringArgument(call, "address");
-  if (address == nullptr || !call.ready) {
-    return ErrorResponse(kInvalidArgument,
-                         "BT not initialized or address missing");
-  }
-  auto connection = std::make_unique<RfcommConnection>();
-  if (!connection->Connect(address)) {
-    return ErrorResponse(kConnectionFailed, "RFCOMM connect failed");
-  }
-
-  PluginState* state = call.state;
-  const std::lock_guard<std::mutex> lock(state->connections_mutex);
-  const int32_t id = state->next_connection_id++;
-  FlEventChannel* read_channel = NewReadChannel(state, id);
-  // Nothing is delivered before the entry exists and the answer has left: the
-  // chunks go through the main loop, and this handler holds the main thread.
-  connection->Start([weak_state = state->weak_from_this(), id](
-                        const uint8_t* data, size_t count, bool end) {
-    QueueReadChunk(weak_state, id, data, count, end);
-  });
-  state->connections.emplace(
-      id, PluginState::ConnectionEntry{std::move(connection), read_channel,
-                                       address});
-  return IntResponse(id);
-}
-
-FlMethodResponse* HandleWrite(const Call& call) {
-  const int32_t id = IdArgument(call);
-  FlValue* bytes = Argument(call, "bytes");
-  if (bytes == nullptr ||
-      fl_value_get_type(bytes) != FL_VALUE_TYPE_UINT8_LIST) {
-    return BoolResponse(false);
-  }
-  const size_t count = fl_value_get_length(bytes);
-  if (id < 0 || count == 0) return BoolResponse(false);
-  const std::lock_guard<std::mutex> lock(call.state->connections_mutex);
-  const auto found = call.state->connections.find(id);
-  return BoolResponse(
-      found != call.state->connections.end() &&
-      found->second.connection->Write(fl_value_get_uint8_list(bytes), count));
-}
-
-FlMethodResponse* HandleDisconnect(const Call& call) {
-  const int32_t id = IdArgument(call);
-  if (id < 0) return BoolResponse(false);
-  PluginState* state = call.state;
-  const std::lock_guard<std::mutex> lock(state->connections_mutex);
-  const auto found = state->connections.find(id);
-  if (found == state->connections.end()) return BoolResponse(false);
-  found->second.connection->Close();
-  g_clear_object(&found->second.read_channel);
-  state->connections.erase(found);
-  return BoolResponse(true);
-}
-
-// -- Dispatch ---------------------------------------------------------------
+// -- Dispatch ----------------------------------------------------------------
 
 struct Method {
   const char* name;
@@ -920,18 +921,6 @@ void TearDown(PluginState* state) {
   g_clear_object(&state->debug_channel);
 }
 
-// Makes one event channel, whose handlers keep the plug-in. Transfer full.
-FlEventChannel* NewEventChannel(LumsoBluetoothPlugin* self, const char* name,
-                                FlMethodCodec* codec,
-                                FlEventChannelHandler listen,
-                                FlEventChannelHandler cancel) {
-  FlEventChannel* channel =
-      fl_event_channel_new(self->state->messenger, name, codec);
-  fl_event_channel_set_stream_handlers(channel, listen, cancel,
-                                       g_object_ref(self), g_object_unref);
-  return channel;
-}
-
 }  // namespace
 }  // namespace lumso_bluetooth
 
@@ -966,7 +955,8 @@ void lumso_bluetooth_plugin_register_with_registrar(
   state->client = std::make_unique<lb::BluezClient>();
   if (!state->client->Initialize()) state->client.reset();
 
-  FlStandardMethodCodec* standard_codec = fl_standard_method_codec_new();
+  g_autoptr(FlStandardMethodCodec) standard_codec =
+      fl_standard_method_codec_new();
   FlMethodCodec* codec = FL_METHOD_CODEC(standard_codec);
   state->method_channel =
       fl_method_channel_new(state->messenger, lb::kMethodChannel, codec);
@@ -981,5 +971,4 @@ void lumso_bluetooth_plugin_register_with_registrar(
   state->debug_channel = lb::NewEventChannel(
       self, lb::kDebugChannel, codec, lb::OnDebugListen, lb::OnDebugCancel);
   g_object_unref(self);
-  g_object_unref(standard_codec);
 }

@@ -92,6 +92,20 @@ ssize_t ReadReady(int fd, short revents, void* data, size_t size) {
   return count < 0 && errno == EAGAIN ? 0 : count;
 }
 
+bool WriteAll(int fd, const void* data, size_t count) {
+  const auto* const bytes = static_cast<const uint8_t*>(data);
+  for (size_t offset = 0; offset < count;) {
+    const ssize_t written =
+        write(fd, bytes + offset, std::min(count - offset, kMaxWriteSize));
+    if (written > 0) {
+      offset += static_cast<size_t>(written);
+    } else if (written == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
 std::thread StartThread(const char* name, std::function<void()> body) {
   const SignalsBlocked blocked;  // a thread begins with its maker's mask
   return std::thread([name, body = std::move(body)] {
@@ -136,8 +150,8 @@ void RfcommConnection::Start(DataCallback on_data) {
   reader_ = StartThread("lumso-reader", [this] { ReadLoop(); });
 }
 
-// Waits in poll() alone: of a peer that vanished, or whose end a write() was
-// told first, nothing wakes a read().
+// Waits only in poll(): nothing wakes a read() whose peer vanished, or whose
+// end a write() was told of.
 void RfcommConnection::ReadLoop() {
   uint8_t buffer[kReadBufferSize];
   while (running_.load()) {
@@ -147,7 +161,7 @@ void RfcommConnection::ReadLoop() {
       PrintReadError();
       break;
     }
-    if (waits[1].revents != 0) break;  // by Close(), or it is no eventfd now
+    if (waits[1].revents != 0) break;  // Close(), or the host closed it
     const ssize_t count =
         ReadReady(fd_, waits[0].revents, buffer, sizeof(buffer));
     if (count > 0) {
@@ -165,19 +179,10 @@ void RfcommConnection::ReadLoop() {
 bool RfcommConnection::Write(const uint8_t* data, size_t count) {
   if (fd_ < 0) return false;
   const std::lock_guard<std::mutex> lock(write_mutex_);
-  size_t offset = 0;
-  while (offset < count) {
-    const ssize_t written =
-        write(fd_, data + offset, std::min(count - offset, kMaxWriteSize));
-    if (written > 0) {
-      offset += static_cast<size_t>(written);
-    } else if (written == 0 || errno != EINTR) {
-      std::fprintf(stderr, "lumso_bluetooth: RFCOMM write error: %s\n",
-                   std::strerror(errno));
-      return false;
-    }
-  }
-  return true;
+  if (WriteAll(fd_, data, count)) return true;
+  std::fprintf(stderr, "lumso_bluetooth: RFCOMM write error: %s\n",
+               std::strerror(errno));
+  return false;
 }
 
 void RfcommConnection::Close() {

@@ -24,23 +24,31 @@ bool ParseRfcommAddress(const std::string& address, sockaddr_rc* remote);
 // -1 with errno set. Any thread.
 int OpenRfcommSocket();
 
-// Takes the pending error of a socket (SO_ERROR), 0 when there is none. The
-// kernel hands each error out once. Any thread.
+// Takes the pending error of a socket (SO_ERROR), which the kernel hands out
+// once. Returns 0 when there is none or it cannot be asked. Any thread.
 int TakeSocketError(int fd);
 
-// Reads up to `size` bytes from an RFCOMM socket for which poll() has just
-// reported `revents`, which are not 0, and never waits. Returns their count, 0
-// at the end of the stream, or -1 with errno set. What is queued comes before
-// the end. Any thread.
+// Reads up to `size` bytes from an RFCOMM socket for which a poll() for POLLIN
+// has just reported `revents`, which are not 0; then it never waits. Returns
+// their count, 0 at the end of the stream, or -1 with errno set. What is queued
+// comes before the end. Any thread.
 //
 // The kernel hands the error of an ended stream out once. Where a write() took
 // it, poll() goes on to report POLLHUP, and a read() that may wait would sleep
 // for ever: neither shutdown() nor close() wakes it.
 ssize_t ReadReady(int fd, short revents, void* data, size_t size);
 
-// Starts a thread called `name` (at most 15 characters) that takes none of the
-// host's signals: all are blocked on it from the start, and the caller's mask
-// is unchanged. Throws std::system_error when no thread can be made.
+// Writes `count` bytes to a blocking RFCOMM socket, through signals and in
+// slices that the kernel can send. Returns whether it took them all; if not,
+// errno is that of the write() that failed or, as a count of 0 does, left it
+// alone. Waits while the peer takes nothing, until the kernel gives a slice up
+// after 30 s. Does not suppress SIGPIPE. Any thread.
+bool WriteAll(int fd, const void* data, size_t count);
+
+// Starts a thread called `name` (a literal of at most 15 characters) that takes
+// none of the host's signals: all are blocked on it from the start, and the
+// caller's mask is unchanged. Throws std::system_error when no thread can be
+// made. For readers and the prober alike.
 std::thread StartThread(const char* name, std::function<void()> body);
 
 // One outgoing RFCOMM stream to channel 1 of a remote device, made fresh for
@@ -78,10 +86,9 @@ class RfcommConnection {
   // can be made.
   void Start(DataCallback on_data);
 
-  // Writes `count` bytes and returns whether the socket took them all. Blocks
-  // while the peer does not take them; what was sent before a failure stays
-  // sent. Silent and false when closed. Does not suppress SIGPIPE, whose
-  // disposition is the host's; kernel RFCOMM sockets raise none.
+  // Writes `count` bytes as WriteAll() does and returns whether the socket took
+  // them all; what was sent before a failure stays sent. Silent and false when
+  // closed. SIGPIPE is left to the host; kernel RFCOMM sockets raise none.
   bool Write(const uint8_t* data, size_t count);
 
   // Ends the stream, waits for the reader's end call and closes the socket.

@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -155,6 +156,13 @@ std::string Pattern(size_t count) {
   return bytes;
 }
 
+// Whether a thread sleeps, as a blocked one does for good.
+bool Sleeps(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string number, name, state;
+  return file >> number >> name >> state && state == "S";
+}
+
 class RfcommContract : public testing::Test {
  protected:
   void SetUp() override {
@@ -204,7 +212,7 @@ class RfcommContract : public testing::Test {
     SetSendLimit(caller_, milliseconds(300));
     const std::string slice = Pattern(4096);
     size_t filled = 0;
-    for (;;) {
+    while (filled < 1000000) {
       const ssize_t written = Write(caller_, slice);
       if (written < 0) {
         EXPECT_EQ(written, -EAGAIN);
@@ -212,6 +220,8 @@ class RfcommContract : public testing::Test {
       }
       filled += static_cast<size_t>(written);
     }
+    ADD_FAILURE() << "the stream takes everything";
+    return filled;
   }
 
   Fd listener_;
@@ -274,8 +284,8 @@ TEST_F(RfcommContract, AnAddressNobodyHasIsDown) {
 
 TEST_F(RfcommContract, ConnectWithoutWaitingIsTakenUpByPoll) {
   Listen();
-  caller_ = NewSocket(/*blocking=*/false);
   ASSERT_TRUE(Soon([this] {
+    caller_ = NewSocket(/*blocking=*/false);
     const int error = Connect(caller_, lumso_contract::device_address);
     if (error == EBUSY) return false;
     EXPECT_EQ(error, EINPROGRESS);
@@ -288,11 +298,26 @@ TEST_F(RfcommContract, ConnectWithoutWaitingIsTakenUpByPoll) {
   EXPECT_EQ(ReadAll(device_, 9), "connected");
 }
 
+TEST_F(RfcommContract, NothingIsWrittenBeforeTheStreamIsOpen) {
+  Listen();
+  EXPECT_EQ(Write(NewSocket(), "x"), -ENOTCONN);
+  ASSERT_TRUE(Soon([this] {
+    caller_ = NewSocket(/*blocking=*/false);
+    return Connect(caller_, lumso_contract::device_address) == EINPROGRESS;
+  }));
+  EXPECT_EQ(Write(caller_, "x"), -ENOTCONN);
+  EXPECT_EQ(Poll(caller_, POLLOUT, kDeadlineMs), POLLOUT);
+  EXPECT_EQ(Write(caller_, "y"), 1);
+  device_ = Fd(accept(listener_, nullptr, nullptr));
+  EXPECT_EQ(ReadAll(device_, 1), "y");
+}
+
 TEST_F(RfcommContract, TheChannelOfAnOpenStreamIsBusy) {
   Open();
   for (const bool blocking : {true, false}) {
     const Fd second = NewSocket(blocking);
     EXPECT_EQ(Connect(second, lumso_contract::device_address), EBUSY);
+    EXPECT_EQ(Connect(second, lumso_contract::device_address), EBADFD);
   }
   EXPECT_EQ(Write(caller_, "untouched"), 9);
   EXPECT_EQ(ReadAll(device_, 9), "untouched");
@@ -347,6 +372,18 @@ TEST_F(RfcommContract, ASignalHandlerEndsConnectAndNotTheAttempt) {
   EXPECT_GT(interrupted, 0);
 }
 
+TEST_F(RfcommContract, AnInterruptedAttemptMayFailLater) {
+  const bool interrupted = Soon([this] {
+    caller_ = NewSocket();
+    const SignalStorm storm(pthread_self());
+    return Connect(caller_, lumso_contract::device_address) == EINTR;
+  });
+  ASSERT_TRUE(interrupted);
+  EXPECT_EQ(Poll(caller_, POLLOUT, kDeadlineMs), POLLOUT | kEnd);
+  EXPECT_EQ(TakeError(caller_), ECONNREFUSED);
+  EXPECT_EQ(TakeError(caller_), 0);
+}
+
 // ---------------------------------------------------------------------------
 
 TEST_F(RfcommContract, BytesArriveInOrderBothWays) {
@@ -381,7 +418,9 @@ TEST_F(RfcommContract, OneWriteHasRoomFor23368Bytes) {
   EXPECT_GE(steady_clock::now() - began, milliseconds(500));
   // In slices nothing waits.
   const std::string slice = Pattern(4096);
+  began = steady_clock::now();
   for (int i = 0; i < 75; ++i) EXPECT_EQ(Write(caller_, slice), 4096);
+  EXPECT_LT(steady_clock::now() - began, seconds(10));
   done = true;
   reader.join();
   EXPECT_EQ(read, 22000U + 23368 + 75 * 4096);
@@ -471,7 +510,9 @@ TEST_F(RfcommContract, ABlockedWriteTakesTheErrorToo) {
     std::this_thread::sleep_for(milliseconds(100));
     device_.Close();
   });
+  const auto began = steady_clock::now();
   const ssize_t error = Write(caller_, Pattern(4096));
+  EXPECT_GE(steady_clock::now() - began, milliseconds(50)) << "not blocked";
   end.join();
   EXPECT_TRUE(error == -ECONNRESET || error == -ENOTCONN) << error;
   EXPECT_EQ(TakeError(caller_), 0);
@@ -486,22 +527,24 @@ TEST_F(RfcommContract, AfterTheErrorAReadWaitsForEver) {
   device_.Close();
   WaitForEnd();
   EXPECT_EQ(TakeError(caller_), ECONNRESET);
+  std::atomic<pid_t> thread{0};
   std::atomic<bool> returned{false};
   int error = 0;
   std::thread reader([&] {
+    thread = gettid();
     char byte;
     error = read(caller_, &byte, 1) < 0 ? errno : 0;
     returned = true;
   });
-  std::this_thread::sleep_for(milliseconds(200));
+  EXPECT_TRUE(Soon([&] { return Sleeps(thread); }));
   EXPECT_FALSE(returned);
   EXPECT_EQ(shutdown(caller_, SHUT_RDWR), 0);
   std::this_thread::sleep_for(milliseconds(300));
   EXPECT_FALSE(returned);
-  while (!returned) {
-    pthread_kill(reader.native_handle(), SIGUSR1);
-    std::this_thread::sleep_for(milliseconds(10));
-  }
+  EXPECT_TRUE(Soon([&] {
+    if (!returned) pthread_kill(reader.native_handle(), SIGUSR1);
+    return returned.load();
+  }));
   reader.join();
   EXPECT_EQ(error, EINTR);
   // One that begins only now is told of our own end.
@@ -536,21 +579,55 @@ TEST_F(RfcommContract, AnyShutdownEndsBothDirections) {
   }
 }
 
-TEST_F(RfcommContract, AShutdownWakesPollAndABlockedRead) {
+// Something that waits on a thread of its own until the stream ends.
+class Waiter {
+ public:
+  template <typename Wait>
+  explicit Waiter(Wait wait)
+      : thread_([this, wait] {
+          id_ = gettid();
+          result_ = wait();
+        }) {}
+  ~Waiter() { thread_.join(); }
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+  bool sleeps() const { return Sleeps(id_); }
+  long result() const { return result_; }
+
+ private:
+  std::atomic<pid_t> id_{0};
+  std::atomic<long> result_{-1};
+  std::thread thread_;
+};
+
+TEST_F(RfcommContract, EitherEndWakesAWaitingPoll) {
+  Listen();
+  for (const bool own : {false, true}) {
+    SCOPED_TRACE(own ? "shut down" : "closed by the device");
+    OpenAgain();
+    const Waiter waiter([this] { return Poll(caller_, POLLIN, kDeadlineMs); });
+    EXPECT_TRUE(Soon([&] { return waiter.sleeps(); }));
+    if (own) {
+      EXPECT_EQ(shutdown(caller_, SHUT_RDWR), 0);
+    } else {
+      device_.Close();
+    }
+    EXPECT_TRUE(Soon([&] {
+      return waiter.result() == (own ? POLLIN | POLLHUP : kEnd);
+    })) << waiter.result();
+  }
+}
+
+TEST_F(RfcommContract, AShutdownWakesABlockedRead) {
   Open();
-  std::atomic<bool> waits{false};
-  ssize_t result = -1;
-  std::thread reader([&] {
-    waits = true;
+  const Waiter waiter([this] {
     char byte;
-    result = read(caller_, &byte, 1);
+    return read(caller_, &byte, 1);
   });
-  ASSERT_TRUE(Soon([&] { return waits.load(); }));
-  std::this_thread::sleep_for(milliseconds(50));
+  EXPECT_TRUE(Soon([&] { return waiter.sleeps(); }));
   EXPECT_EQ(shutdown(caller_, SHUT_RDWR), 0);
-  reader.join();
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(Poll(caller_, POLLIN, kDeadlineMs), POLLIN | POLLHUP);
+  EXPECT_TRUE(Soon([&] { return waiter.result() == 0; }));
 }
 
 TEST_F(RfcommContract, AShutdownAfterTheEndLeavesTheErrorFirst) {

@@ -482,7 +482,7 @@ bool FakeRfcomm::EachClosedOnce() const {
     if (count(Call::kClose, socket) != 1) return false;
   }
   const std::lock_guard<std::mutex> lock(mutex_);
-  return wakes_closed_ == wakes_made_;
+  return wakes_.empty() && !wake_closed_twice_;
 }
 
 CallRecord FakeRfcomm::Begin(Call call, int fd, int64_t argument) const {
@@ -621,7 +621,7 @@ int FakeRfcomm::OnEventfd(unsigned count, int flags) {
   connecting = false;
   if (result >= 0) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    ++wakes_made_;
+    wakes_.insert(result);
     SetMark(result, kWake);
   }
   End(std::move(record), result);
@@ -648,7 +648,10 @@ int FakeRfcomm::BeginConnect(int fd, const std::string& device, bool waits,
     socket.ready_at = Clock::now();
   } else {
     if (socket.state != State::kFresh) return EBADFD;
-    if (IsTaken(device)) return EBUSY;
+    if (IsTaken(device)) {
+      socket.state = State::kRefused;
+      return EBUSY;
+    }
     error = EINPROGRESS;
     socket.ready_at = Clock::now() + connect_time_;
   }
@@ -692,13 +695,18 @@ int FakeRfcomm::OnConnect(int fd, const void* address, uint32_t length) {
   return result;
 }
 
-// Returns EINTR when a signal ends the wait, or what became of it.
+// Returns EINTR when a signal ends the wait, EINPROGRESS when its limit does,
+// or what became of it.
 int FakeRfcomm::WaitUntilConnected(int fd) {
+  const timeval limit = Find(fd).send_limit;
+  const auto deadline = Clock::now() + std::chrono::seconds(limit.tv_sec) +
+                        std::chrono::microseconds(limit.tv_usec);
   for (;;) {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       if (Settled(&sockets_.at(fd))) break;
     }
+    if (Clock::now() >= deadline) return EINPROGRESS;
     if (real::poll(nullptr, 0, 1) < 0) return errno;
   }
   return PendingError(fd);
@@ -716,6 +724,12 @@ int FakeRfcomm::PendingError(int fd) {
   const std::lock_guard<std::mutex> lock(mutex_);
   Socket& socket = sockets_.at(fd);
   return Settled(&socket) ? socket.link->TakeError(socket.side) : 0;
+}
+
+bool FakeRfcomm::IsConnected(int fd) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Socket& socket = sockets_.at(fd);
+  return Settled(&socket) && socket.state == State::kConnected;
 }
 
 void FakeRfcomm::HandOver(int fd) {
@@ -829,9 +843,15 @@ ssize_t FakeRfcomm::OnWrite(int fd, const void* data, size_t size) {
     result = *step.result;
   } else {
     const Socket socket = Find(fd);
-    result = socket.link->Write(
-        socket.side, data, step.limit == 0 ? size : std::min(size, step.limit),
-        (record.status_flags & O_NONBLOCK) == 0);
+    if (IsConnected(fd)) {
+      result = socket.link->Write(
+          socket.side, data,
+          step.limit == 0 ? size : std::min(size, step.limit),
+          (record.status_flags & O_NONBLOCK) == 0);
+    } else {
+      errno = ENOTCONN;
+      result = -1;
+    }
     if (result > 0) {
       record.bytes.assign(static_cast<const char*>(data),
                           static_cast<size_t>(result));
@@ -884,7 +904,7 @@ int FakeRfcomm::OnClose(int fd) {
 void FakeRfcomm::OnStaleClose(int fd) {
   if (MarkOf(fd) == kWakeClosed) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    ++wakes_closed_;
+    wake_closed_twice_ = true;
     return;
   }
   CallRecord record = Begin(Call::kClose, fd, 0);
@@ -902,7 +922,7 @@ int FakeRfcomm::OnWakeClose(int fd) {
   const Step step = NextStep(Call::kWakeClose, fd);
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    ++wakes_closed_;
+    wakes_.erase(fd);
     SetMark(fd, kWakeClosed);
   }
   const int result = real::close(fd);

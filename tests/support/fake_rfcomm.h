@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -205,7 +206,7 @@ class FakeRfcomm {
  private:
   using Clock = std::chrono::steady_clock;
 
-  enum class State { kFresh, kListening, kConnecting, kConnected };
+  enum class State { kFresh, kListening, kConnecting, kConnected, kRefused };
 
   struct Socket {
     int number;
@@ -232,6 +233,7 @@ class FakeRfcomm {
   // These take the lock.
   Socket Find(int fd) const;
   void HandOver(int fd);
+  bool IsConnected(int fd);
   short Events(int fd, short wanted);
   int PendingError(int fd);
   int BeginConnect(int fd, const std::string& device, bool waits,
@@ -255,8 +257,8 @@ class FakeRfcomm {
   std::vector<std::shared_ptr<Peer>> peers_;
   std::vector<std::thread> threads_;
   int made_ = 0;
-  int wakes_made_ = 0;
-  int wakes_closed_ = 0;
+  std::set<int> wakes_;  // eventfds that are open
+  bool wake_closed_twice_ = false;
   bool keeps_records_ = true;
   // The last stream to each address.
   std::map<std::string, std::shared_ptr<RfcommLink>> channels_;

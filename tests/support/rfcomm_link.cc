@@ -102,9 +102,8 @@ ssize_t RfcommLink::Read(Side side, void* data, size_t size, bool waits) {
       const ssize_t got = real::recv(end.fd, data, size, MSG_DONTWAIT);
       if (got > 0) return got;
       if (end.over || end.shut) {
-        if (local_) return 0;
         if (end.error != 0) return Fail(std::exchange(end.error, 0));
-        if (end.shut) return 0;
+        if (end.shut || local_) return 0;
         if (!waits) return Fail(EAGAIN);
       } else if (!waits) {
         return got;
@@ -162,13 +161,13 @@ void RfcommLink::EndOf(Side side, int error) {
   End& end = ends_[side];
   if (end.over) return;
   end.over = true;
-  if (!end.shut && !local_) end.error = error;
+  if (!end.shut) end.error = error;
 }
 
 void RfcommLink::Shutdown(Side side) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (std::exchange(ends_[side].shut, true)) return;
-  EndOf(Other(side), ECONNRESET);
+  EndOf(Other(side), local_ ? 0 : ECONNRESET);
   real::shutdown(ends_[side].fd, SHUT_RDWR);
 }
 
@@ -177,7 +176,7 @@ int RfcommLink::Close(Side side) {
   End& end = ends_[side];
   if (end.fd < 0) return Fail(EBADF);
   end.shut = true;
-  EndOf(Other(side), ECONNRESET);
+  EndOf(Other(side), local_ ? 0 : ECONNRESET);
   return real::close(std::exchange(end.fd, -1));
 }
 

@@ -1,6 +1,6 @@
 // One RFCOMM stream as Linux 6.12 keeps it, with a local stream pair to carry
 // its bytes. What it promises is stated by tests/contract, where the same cases
-// run on the kernel.
+// run on the kernel; but for the loss of the radio link, which tests/vm makes.
 
 #ifndef LUMSO_BLUETOOTH_TESTS_SUPPORT_RFCOMM_LINK_H_
 #define LUMSO_BLUETOOTH_TESTS_SUPPORT_RFCOMM_LINK_H_
