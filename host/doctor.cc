@@ -141,11 +141,9 @@ int RunDoctor(const std::vector<std::string>& arguments) {
   patient.address = options.address;
   patient.deadline =
       g_get_monotonic_time() + kDeadlineSeconds * G_TIME_SPAN_SECOND;
-  if (options.has_address) {
-    std::fprintf(stderr,
-                 "lumso_host: will open channel 1 of %s once, and close it\n",
-                 options.address.c_str());
-  }
+  patient.announce = [](const std::string& text) {
+    std::fprintf(stderr, "lumso_host: %s\n", text.c_str());
+  };
   size_t problems = 0;
   for (const StepFunction step : Steps(options.has_address)) {
     const Finding finding = step(&patient);

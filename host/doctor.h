@@ -7,6 +7,7 @@
 
 #include <gio/gio.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -55,6 +56,8 @@ struct BusAnswer {
 struct Patient {
   std::string root;     // Goes before /sys, /proc and the like.
   std::string address;  // The device's; empty without one.
+  // Told before something is done that others can notice; may be empty.
+  std::function<void(const std::string& text)> announce;
   gint64 deadline = 0;  // Monotonic time, in microseconds.
   // The errno of making an RFCOMM socket; 0 when that works.
   int socket_error = 0;

@@ -454,7 +454,8 @@ Finding ExamineDevice(Patient* patient) {
   const VariantPtr device = FindDevice(*patient, patient->adapter);
   if (device == nullptr) {
     finding.trouble = Trouble::kNotKnown;
-    return CannotTell(std::move(finding), "not known to the daemon");
+    return CannotTell(std::move(finding),
+                      "not known to the daemon, which matters only to pairing");
   }
   std::string name = Text(device.get(), "Alias");
   if (name.empty()) name = Text(device.get(), "Name");

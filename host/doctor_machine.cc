@@ -372,6 +372,10 @@ Finding ExamineStream(Patient* patient) {
       return CannotTell(std::move(finding),
                         std::string("not tried: see ") + spoilt);
   }
+  if (patient->announce) {
+    patient->announce("opening channel 1 of " + patient->address +
+                      " once, and closing it");
+  }
   const gint64 began = g_get_monotonic_time();
   const Connected result = OpenOnce(*patient);
   if (result.error == 0) {

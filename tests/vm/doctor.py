@@ -19,6 +19,7 @@ import time
 
 from gi.repository import GLib
 
+from bluez import ADAPTER, DEVICE
 from programs import Peer, show
 from story import PEER_NAME, SECRET, Story, check, play
 from trouble import ABSENT, BLUETOOTHD, slow_controllers
@@ -107,12 +108,26 @@ class Doctor(Story):
             findings = self.examine("a device not seen yet", self.device)
             check(findings["device"]["verdict"] == "cannot tell", "it is known")
             check(findings["stream"]["verdict"] == "ok", "no stream")
-        # Connecting has bonded it.
+        with self.step("The two are bonded"):
+            self.find_device()
+            self.bluez.call("org.bluez", self.own_entry(), DEVICE, "Pair")
+            self.wait_until(self.idle, 10, "end of the link")
         findings = self.healthy("A healthy machine and its device", self.device)
         check("paired" in findings["device"]["saw"], "the device is not paired")
         taken = f"an application takes {self.own_adapter.rsplit('/', 1)[1]}, the first"
         check(any(taken in text for text in findings["adapter"]["saw"]), "another adapter")
         self.healthy("The same to a user without rights", user="nobody", group="nogroup")
+
+    def own_entry(self):
+        return f"{self.own_adapter}/dev_{self.device.replace(':', '_')}"
+
+    def find_device(self):
+        """Forgets what connecting has made of the device, and finds it anew."""
+        self.forget()
+        adapter = ("org.bluez", self.own_adapter, ADAPTER)
+        self.bluez.call(*adapter, "StartDiscovery")
+        self.wait_until(lambda: self.own_entry() in self.bluez.objects(), 30, "device")
+        self.bluez.call(*adapter, "StopDiscovery")
 
     @contextlib.contextmanager
     def channel_open(self):
@@ -130,9 +145,9 @@ class Doctor(Story):
         with self.channel_open():
             self.finds("The channel is taken", "stream", "open already", self.device)
         self.wait_until(self.idle, 10, "end of the link")
-        self.bluez.forget(self.peer_adapter, self.own_address)
-        self.finds("The device forgot the bond", "stream", "refused to auth", self.device)
         self.bluez.forget(self.own_adapter, self.device)
+        self.finds("This side forgot the bond", "stream", "refused to auth", self.device)
+        self.bluez.forget(self.peer_adapter, self.own_address)
         self.peer.end()
         self.finds("Nobody listens", "stream", "nothing listens", self.device)
         self.finds("Nobody has the address", "stream", "out of range", ABSENT)
@@ -157,7 +172,14 @@ class Doctor(Story):
         self.finds("The radio is blocked", "radio switch", "blocked", self.device)
         for switch in switches:
             switch.write_text("0")
-        self.bluez.ready_adapters(2)
+        # The daemon is busy while it switches the adapters on by itself.
+        self.wait_until(self.switched_on, 10, "adapters that are on")
+
+    def switched_on(self):
+        try:
+            return self.bluez.ready_adapters(2)
+        except GLib.Error:
+            return False
 
     def place_troubles(self):
         self.finds(
