@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <utility>
 
 #include "host/json_value.h"
@@ -18,8 +20,8 @@ constexpr int kStatusProblem = 1;
 constexpr int kStatusWrongUsage = 2;
 
 constexpr int kDeadlineSeconds = 40;
-// Ends the process by its signal should something hang that knows no deadline.
-constexpr unsigned kAlarmSeconds = 44;
+// For what knows no deadline, such as an output that nobody reads.
+constexpr std::chrono::seconds kGiveUpAfter(44);
 
 constexpr char kUsage[] =
     R"(Usage: lumso_host doctor [ADDRESS] [--json] [--help]
@@ -133,7 +135,11 @@ int RunDoctor(const std::vector<std::string>& arguments) {
     std::printf("%s", kUsage);
     return 0;
   }
-  alarm(kAlarmSeconds);
+  std::thread([] {
+    std::this_thread::sleep_for(kGiveUpAfter);
+    std::fputs("lumso_host: the doctor hangs\n", stderr);
+    _exit(kStatusProblem);
+  }).detach();
   const Screen screen = options.json ? Screen() : FindScreen();
   bool output_failed = false;
   LineWriter writer(false, [&output_failed] { output_failed = true; });
