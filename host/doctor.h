@@ -7,10 +7,12 @@
 
 #include <gio/gio.h>
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/troubles.h"
@@ -94,6 +96,11 @@ Finding ExamineStream(Patient* patient);
 
 // Judges a version of GLib; for ExamineGlib.
 Finding JudgeGlib(unsigned major, unsigned minor, unsigned micro);
+
+// How the names of the devices begin that the prober asks.
+inline constexpr std::array<std::string_view, 5> kProbedNamePrefixes = {
+    "VELKAN-", "VELK2N-", "DRU-Palent", "DRU-KX", "DRU-Ostavel",
+};
 
 // Tells whether the prober asks devices of this name.
 bool IsProbedName(const std::string& name);

@@ -32,11 +32,6 @@ constexpr int kBusMs = 5000;
 constexpr int kDaemonMs = 8000;
 constexpr gint64 kSettleUs = 300000;
 
-// The prober asks devices whose names begin with one of these.
-constexpr std::string_view kProbedNamePrefixes[] = {
-    "VELKAN-", "VELK2N-", "DRU-Palent", "DRU-KX", "DRU-Ostavel",
-};
-
 struct BusCall {
   const char* name;
   const char* path;
@@ -286,8 +281,7 @@ VariantPtr FindDevice(const Patient& patient, const std::string& adapter) {
 }  // namespace
 
 bool IsProbedName(const std::string& name) {
-  return std::any_of(std::begin(kProbedNamePrefixes),
-                     std::end(kProbedNamePrefixes),
+  return std::any_of(kProbedNamePrefixes.begin(), kProbedNamePrefixes.end(),
                      [&name](std::string_view prefix) {
                        return name.compare(0, prefix.size(), prefix) == 0;
                      });

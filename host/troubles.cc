@@ -15,12 +15,11 @@ const std::vector<TroubleRow>& Troubles() {
        "start `dbus`; in Flatpak ask for `--system-talk-name=org.bluez`, in a "
        "Snap for the `bluez` interface"},
       {Trouble::kBusSilent,
-       "the start never ends, or `GetManagedObjects failed: Timeout was "
-       "reached` after 25 s, and `bluetoothctl` hangs as well",
+       "° the application's start never ends, and `bluetoothctl` hangs as well",
        "the system bus does not answer",
        "look at `systemctl status dbus`; start the machine again"},
       {Trouble::kDenied,
-       "° `GetManagedObjects failed: … org.freedesktop.DBus.Error.AccessDenied "
+       "`GetManagedObjects failed: … org.freedesktop.DBus.Error.AccessDenied "
        "…`",
        "the bus policy forbids it",
        "Debian's own policy lets every user in: look for a stricter one in "
@@ -45,7 +44,7 @@ const std::vector<TroubleRow>& Troubles() {
        "read `journalctl -u bluetooth`; `systemctl unmask bluetooth` if it is "
        "masked; `systemctl restart bluetooth`; start the application again"},
       {Trouble::kDaemonHangs,
-       "the start takes 25 s, then `GetManagedObjects failed: Timeout was "
+       "° the start takes 25 s, then `GetManagedObjects failed: Timeout was "
        "reached`, although the daemon runs",
        "the daemon hangs",
        "`systemctl restart bluetooth`; start the application again"},
