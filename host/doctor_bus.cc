@@ -73,51 +73,56 @@ BusAnswer AskForObjects(const Patient& patient) {
               "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})", kDaemonMs});
 }
 
+// Outlives a doctor that no longer waits.
 struct Connecting {
   BusAnswer answer;
-  GDBusConnection* connection = nullptr;
+  std::unique_ptr<GDBusConnection, ConnectionUnref> connection;
   bool done = false;
 };
+using ConnectingPtr = std::shared_ptr<Connecting>;
 
 void OnConnected(GObject*, GAsyncResult* result, gpointer user_data) {
-  auto* connecting = static_cast<Connecting*>(user_data);
+  const std::unique_ptr<ConnectingPtr> own(
+      static_cast<ConnectingPtr*>(user_data));
+  Connecting& connecting = **own;
   g_autoptr(GError) error = nullptr;
-  connecting->connection =
-      g_dbus_connection_new_for_address_finish(result, &error);
-  if (error != nullptr) connecting->answer.message = error->message;
-  connecting->done = true;
+  connecting.connection.reset(
+      g_dbus_connection_new_for_address_finish(result, &error));
+  if (error != nullptr) connecting.answer.message = error->message;
+  connecting.done = true;
 }
 
-// Makes a connection of the doctor's own: an application in the same process
-// keeps its agent. Cancelled when the bus says nothing.
+// Makes a connection of the doctor's own, whose agent is nobody else's. It is
+// given up when the bus says nothing.
 BusAnswer ConnectToBus(Patient* patient) {
-  Connecting connecting;
+  const auto connecting = std::make_shared<Connecting>();
   g_autoptr(GError) error = nullptr;
   g_autofree gchar* address =
       g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (address == nullptr) {
-    connecting.answer.message = error->message;
-    return std::move(connecting.answer);
+    connecting->answer.message = error->message;
+    return std::move(connecting->answer);
   }
-  g_autoptr(GCancellable) cancellable = g_cancellable_new();
   g_dbus_connection_new_for_address(
       address,
       static_cast<GDBusConnectionFlags>(
           G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, cancellable, OnConnected, &connecting);
+      nullptr, nullptr, OnConnected,
+      std::make_unique<ConnectingPtr>(connecting).release());
+  bool late = false;
   const guint timer = g_timeout_add(
       static_cast<guint>(TimeLeft(*patient, kBusMs)),
       [](gpointer data) -> gboolean {
-        g_cancellable_cancel(static_cast<GCancellable*>(data));
+        *static_cast<bool*>(data) = true;
         return G_SOURCE_CONTINUE;
       },
-      cancellable);
-  while (!connecting.done) g_main_context_iteration(nullptr, TRUE);
+      &late);
+  while (!connecting->done && !late) g_main_context_iteration(nullptr, TRUE);
   g_source_remove(timer);
-  connecting.answer.late = g_cancellable_is_cancelled(cancellable) != FALSE;
-  patient->bus.reset(connecting.connection);
-  return std::move(connecting.answer);
+  connecting->answer.late = !connecting->done;
+  patient->bus = std::move(connecting->connection);
+  return std::move(connecting->answer);
 }
 
 // Returns what is called `name` in `properties` (a{sv}); null when it is not

@@ -393,8 +393,53 @@ TEST_F(DoctorDaemon, FailsInAWayOfItsOwn) {
 
 TEST_F(DoctorDaemon, IsMissedWithoutSystemd) {
   StartBus();
-  EXPECT_THAT(Daemon(),
-              AllOf(IsProblem(Trouble::kNoDaemon), Saw("no systemd")));
+  EXPECT_THAT(Daemon(), AllOf(IsProblem(Trouble::kNoDaemon),
+                              Saw("cannot start it"), Saw("no systemd")));
+}
+
+// A bus with a configuration of the case's own.
+class DoctorOwnBus : public DoctorDaemon {
+ protected:
+  void StartOwnBus(const std::string& rules) {
+    Write("/bus.conf", "<busconfig><listen>unix:path=" + patient_.root +
+                           "/bus</listen><servicedir>" + patient_.root +
+                           "/services</servicedir><policy context=\"default\">"
+                           "<allow send_destination=\"*\"/>" +
+                           rules + "</policy></busconfig>");
+    process_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{
+            "/usr/bin/dbus-daemon", "--nofork", "--nopidfile", "--nosyslog",
+            "--print-address=1",
+            "--config-file=" + patient_.root + "/bus.conf"},
+        true);
+    g_setenv("DBUS_SYSTEM_BUS_ADDRESS", process_->ReadLine().c_str(), TRUE);
+  }
+
+ private:
+  std::unique_ptr<ChildProcess> process_;
+};
+
+// Both could be started, and would leave a file.
+TEST_F(DoctorOwnBus, StartsNobody) {
+  const std::string started = patient_.root + "/started";
+  for (const char* name : {"org.bluez", "org.freedesktop.systemd1"}) {
+    Write(std::string("/services/") + name + ".service",
+          std::string("[D-BUS Service]\nName=") + name +
+              "\nExec=/usr/bin/touch " + started + "\n");
+  }
+  StartOwnBus("<allow receive_sender=\"*\"/>");
+  EXPECT_THAT(Daemon(), AllOf(IsProblem(Trouble::kNoDaemon),
+                              Saw("the bus may start it"), Saw("no systemd")));
+  EXPECT_FALSE(std::filesystem::exists(started));
+}
+
+// It lets the doctor in, and keeps back the answer to its greeting.
+TEST_F(DoctorOwnBus, MayStaySilentOnceItIsConnected) {
+  StartOwnBus("");
+  SetTimeLimit(1);
+  const gint64 began = g_get_monotonic_time();
+  EXPECT_THAT(ExamineBus(&patient_), IsProblem(Trouble::kBusSilent));
+  EXPECT_LT(g_get_monotonic_time() - began, 4 * G_TIME_SPAN_SECOND);
 }
 
 // systemd's double: one unit, whatever is asked for.
@@ -476,6 +521,14 @@ TEST_F(DoctorService, WaitsForTheFirstCall) {
       Service("{'LoadState': <'loaded'>, 'ActiveState': <'inactive'>, "
               "'UnitFileState': <'enabled'>, 'ConditionTimestamp': <uint64 0>, "
               "'ConditionResult': <false>}"),
+      AllOf(IsUnclear(), Saw("first call")));
+}
+
+TEST_F(DoctorService, MayHaveBeenStopped) {
+  EXPECT_THAT(
+      Service("{'LoadState': <'loaded'>, 'ActiveState': <'inactive'>, "
+              "'UnitFileState': <'enabled'>, 'ConditionTimestamp': <uint64 7>, "
+              "'ConditionResult': <true>}"),
       AllOf(IsUnclear(), Saw("first call")));
 }
 

@@ -21,8 +21,8 @@ from gi.repository import GLib
 
 from bluez import ADAPTER, DEVICE
 from programs import Peer, show
-from story import PEER_NAME, SECRET, Story, check, play
-from trouble import ABSENT, BLUETOOTHD, slow_controllers
+from story import PEER_NAME, SECRET, check, play
+from trouble import ABSENT, BLUETOOTHD, Trouble, slow_controllers
 
 CHANNEL = 1
 POLICY = pathlib.Path("/etc/dbus-1/system.d/doctor.conf")
@@ -34,14 +34,7 @@ BUS = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
 LIMIT = 45  # seconds, whatever hangs
 
 
-class Doctor(Story):
-    def __init__(self, options):
-        options.here = None
-        super().__init__(options)
-        self.own_adapter = None
-        self.daemon = int(os.environ["BLUETOOTHD_PID"])
-        self.times = []
-
+class Doctor(Trouble):
     def examine(self, text, *arguments, before=(), **options):
         """Runs the doctor; returns its findings by step."""
         began = time.monotonic()
@@ -49,11 +42,9 @@ class Doctor(Story):
         run = subprocess.run(
             command, stdout=subprocess.PIPE, timeout=LIMIT, encoding="utf-8", **options
         )
-        seconds = time.monotonic() - began
-        self.times.append((text, seconds))
         for line in run.stdout.splitlines():
             show(f"  < {line}")
-        show(f"  = {seconds:.2f} s, status {run.returncode}")
+        self.figure(text, time.monotonic() - began, LIMIT)
         findings = {item["step"]: item for item in map(json.loads, run.stdout.splitlines())}
         problems = any(item["verdict"] == "problem" for item in findings.values())
         check(run.returncode == int(problems), f"the exit status is {run.returncode}")
@@ -97,12 +88,6 @@ class Doctor(Story):
             self.bluez.set_adapter(self.peer_adapter, Alias=PEER_NAME)
             self.listen()
 
-    def wait_until(self, condition, seconds, what):
-        deadline = time.monotonic() + seconds
-        while not condition():
-            check(time.monotonic() < deadline, f"no {what} within {seconds} s")
-            time.sleep(0.05)
-
     def well(self):
         with self.step("A device that nobody has seen yet: no problem"):
             findings = self.examine("a device not seen yet", self.device)
@@ -110,15 +95,19 @@ class Doctor(Story):
             check(findings["stream"]["verdict"] == "ok", "no stream")
         with self.step("The two are bonded"):
             self.find_device()
-            self.bluez.call("org.bluez", self.own_entry(), DEVICE, "Pair")
+            self.bluez.call("org.bluez", self.entry(), DEVICE, "Pair")
             self.wait_until(self.idle, 10, "end of the link")
         findings = self.healthy("A healthy machine and its device", self.device)
         check("paired" in findings["device"]["saw"], "the device is not paired")
         taken = f"an application takes {self.own_adapter.rsplit('/', 1)[1]}, the first"
         check(any(taken in text for text in findings["adapter"]["saw"]), "another adapter")
         self.healthy("The same to a user without rights", user="nobody", group="nogroup")
+        # Its agent, while there is no other, lets devices pair.
+        self.bluez.set_adapter(self.own_adapter, Pairable=False)
+        self.healthy("The same where devices may not pair")
+        self.bluez.set_adapter(self.own_adapter, Pairable=True)
 
-    def own_entry(self):
+    def entry(self):
         return f"{self.own_adapter}/dev_{self.device.replace(':', '_')}"
 
     def find_device(self):
@@ -126,7 +115,7 @@ class Doctor(Story):
         self.forget()
         adapter = ("org.bluez", self.own_adapter, ADAPTER)
         self.bluez.call(*adapter, "StartDiscovery")
-        self.wait_until(lambda: self.own_entry() in self.bluez.objects(), 30, "device")
+        self.wait_until(lambda: self.entry() in self.bluez.objects(), 30, "device")
         self.bluez.call(*adapter, "StopDiscovery")
 
     @contextlib.contextmanager
@@ -187,7 +176,7 @@ class Doctor(Story):
             before=("unshare", "--net"),
         )
         self.finds(
-            "The same to a user without rights", "this process", "network namespace",
+            "The same namespace to a user without rights", "this process", "network namespace",
             before=("unshare", "--net", "setpriv", "--reuid=nobody", "--clear-groups"),
         )
         self.finds(
@@ -202,11 +191,11 @@ class Doctor(Story):
         (bus,) = self.bluez.call(
             *BUS, "GetConnectionUnixProcessID", GLib.Variant("(s)", ("org.freedesktop.DBus",))
         )
-        with self.stopped(bus):
+        with self.held(bus):
             self.finds("The bus hangs", "bus", "does not answer", self.device)
 
     @contextlib.contextmanager
-    def stopped(self, process):
+    def held(self, process):
         os.kill(process, signal.SIGSTOP)
         try:
             yield
@@ -214,16 +203,17 @@ class Doctor(Story):
             os.kill(process, signal.SIGCONT)
 
     def daemon_troubles(self):
-        with self.stopped(self.daemon):
+        daemon = int(os.environ["BLUETOOTHD_PID"])
+        with self.held(daemon):
             self.finds("The daemon hangs", "daemon", "hangs", self.device)
-        os.kill(self.daemon, signal.SIGKILL)
+        os.kill(daemon, signal.SIGKILL)
         self.wait_until(lambda: not self.bluez.adapters(), 10, "end of the daemon")
         self.finds("No daemon", "daemon", "no BlueZ daemon", self.device)
         # Whoever asks for a socket would have it loaded again.
         pathlib.Path("/etc/modprobe.d/doctor.conf").write_text("install rfcomm /bin/false\n")
         subprocess.run(["rmmod", "rfcomm"], check=True)
         with open("/run/lumso-vm/bluetoothd-again.log", "wb") as log:
-            self.again = subprocess.Popen([BLUETOOTHD, "-n"], stdout=log, stderr=log)
+            self.daemon = subprocess.Popen([BLUETOOTHD, "-n"], stdout=log, stderr=log)
         self.bluez.ready_adapters(2)
         self.finds("No RFCOMM in the kernel", "kernel", "module is missing", self.device)
         pathlib.Path("/etc/modprobe.d/doctor.conf").unlink()
@@ -240,9 +230,6 @@ class Doctor(Story):
         self.adapter_troubles()
         self.place_troubles()
         self.daemon_troubles()
-        show("")
-        for text, seconds in self.times:
-            show(f"  {text:<45} {seconds:6.2f} s")
 
 
 def parse_arguments():
