@@ -9,15 +9,17 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "host/command_reader.h"
+#include "host/doctor.h"
 #include "host/help.h"
 #include "host/line_reader.h"
 #include "host/line_writer.h"
 #include "host/plugin_library.h"
+#include "host/screen.h"
 #include "host/session.h"
 #ifdef LUMSO_HAVE_LIBEDIT
 #include "host/line_editor.h"
@@ -25,11 +27,17 @@
 
 namespace {
 
+using lumso_host::Screen;
+
 constexpr int kStatusExpectFailed = 1;
 constexpr int kStatusCannotStart = 2;
 
 constexpr char kUsage[] =
     R"(Usage: lumso_host [--plugin FILE] [--json] [--help]
+       lumso_host doctor [ADDRESS] [--json] [--help]
+
+doctor says what is wrong with Bluetooth on this machine (see doctor --help).
+Without it:
 
 Loads the plug-in library FILE, registers it and runs the commands that it reads
 on standard input. Without --plugin it takes liblumso_bluetooth_plugin.so beside
@@ -80,31 +88,12 @@ void OpenStandardStreams() {
   if (fd >= 0) close(fd);
 }
 
-// What there is at the other end of the standard streams.
-struct Screen {
-  bool person = false;   // Types and reads on a terminal.
-  bool editing = false;  // The terminal can move its cursor.
-  bool colours = false;
-};
-
-Screen FindScreen(bool json) {
-  Screen screen;
-  screen.person =
-      !json && isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
-  const char* term = std::getenv("TERM");
-  const std::string terminal = term == nullptr ? "" : term;
-  screen.editing = screen.person && !terminal.empty() && terminal != "dumb";
-  const char* no_color = std::getenv("NO_COLOR");
-  screen.colours = screen.editing && (no_color == nullptr || *no_color == '\0');
-  return screen;
-}
-
 // Runs one plug-in until the input ends or something else asks for the end.
 class Host {
  public:
   Host(lumso_host::RegisterFunction register_plugin, const Screen& screen)
       : loop_(g_main_loop_new(nullptr, FALSE)),
-        writer_(screen.colours, [this] { Fail(); }),
+        writer_(screen.person && screen.colours, [this] { Fail(); }),
         reader_(MakeReader(screen)),
         session_(register_plugin,
                  screen.person ? lumso_host::Session::Reader::kPerson
@@ -174,17 +163,19 @@ class Host {
 
 int main(int argc, char** argv) {
   OpenStandardStreams();
+  // Writing to a device that has vanished must be an error, not the end. That
+  // is for the process to decide, not for a library, and desktop applications
+  // usually decide so too.
+  std::signal(SIGPIPE, SIG_IGN);
+  if (argc > 1 && std::string_view(argv[1]) == "doctor")
+    return lumso_host::RunDoctor({argv + 2, argv + argc});
+
   Options options;
   if (!ParseOptions(argc, argv, &options)) return kStatusCannotStart;
   if (options.help) {
     std::printf("%s%s", kUsage, lumso_host::ProtocolHelp().c_str());
     return 0;
   }
-  // Writing to a device that has vanished must be an error, not the end. That
-  // is for the process to decide, not for a library, and desktop applications
-  // usually decide so too.
-  std::signal(SIGPIPE, SIG_IGN);
-
   std::string error;
   const auto register_plugin = lumso_host::LoadPlugin(options.plugin, &error);
   if (register_plugin == nullptr) {
@@ -192,5 +183,6 @@ int main(int argc, char** argv) {
                  error.c_str());
     return kStatusCannotStart;
   }
-  return Host(register_plugin, FindScreen(options.json)).Run();
+  const Screen screen = options.json ? Screen() : lumso_host::FindScreen();
+  return Host(register_plugin, screen).Run();
 }

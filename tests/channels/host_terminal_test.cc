@@ -410,6 +410,31 @@ TEST_F(HostTerminal, HasNoColoursWithNoColor) {
             std::string::npos);
 }
 
+// Without a bus, wherever this runs.
+constexpr char kDoctor[] =
+    "env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere " LUMSO_HOST " doctor";
+
+TEST_F(HostTerminal, MarksWhatTheDoctorFindsInColour) {
+  Start(kDoctor);
+  EXPECT_EQ(WaitForEnd(), 1);
+  EXPECT_NE(raw().find("\x1b[31m✘ problem      \x1b[0mbus: "),
+            std::string::npos)
+      << raw();
+}
+
+TEST_F(HostTerminal, MarksWhatTheDoctorFindsWithNoColor) {
+  Start(kDoctor, {{"TERM", "xterm"}, {"NO_COLOR", "1"}});
+  EXPECT_EQ(WaitForEnd(), 1);
+  EXPECT_NE(raw().find("\n✘ problem      bus: "), std::string::npos) << raw();
+}
+
+TEST_F(HostTerminal, LeavesTheDoctorsJsonPlain) {
+  Start(std::string(kDoctor) + " --json");
+  EXPECT_EQ(WaitForEnd(), 1);
+  EXPECT_EQ(raw().find('\x1b'), std::string::npos) << raw();
+  EXPECT_EQ(raw().front(), '{');
+}
+
 TEST_F(HostTerminal, EndsWithTheInput) {
   Start();
   WaitForRow("lumso>");

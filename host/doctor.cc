@@ -1,0 +1,163 @@
+#include "host/doctor.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <utility>
+
+#include "host/json_value.h"
+#include "host/line_writer.h"
+#include "host/method_table.h"
+#include "host/screen.h"
+
+namespace lumso_host {
+
+namespace {
+
+constexpr int kStatusProblem = 1;
+constexpr int kStatusWrongUsage = 2;
+
+constexpr int kDeadlineSeconds = 40;
+// For what knows no deadline, such as an output that nobody reads.
+constexpr std::chrono::seconds kGiveUpAfter(44);
+
+constexpr char kUsage[] =
+    R"(Usage: lumso_host doctor [ADDRESS] [--json] [--help]
+
+Goes through everything between an application and its bytes, from this process
+to the Bluetooth daemon's adapter, and says of each step what it saw: ok, problem
+or cannot tell, and of a problem what to do. It needs no plug-in, changes nothing
+and ends within 45 s. With ADDRESS it also looks at that device and opens its
+channel 1 once, as "connect" does, and closes it; where nothing is bonded yet
+that may begin a pairing.
+
+--json prints one JSON object per step, with the keys "step", "verdict", "saw",
+and "means" and "do" where something is wrong.
+
+Exit status: 0 when nothing is wrong, 1 when something is, 2 for wrong arguments.
+)";
+
+struct Options {
+  bool help = false;
+  bool json = false;
+  bool has_address = false;
+  std::string address;
+};
+
+bool ParseOptions(const std::vector<std::string>& arguments, Options* options) {
+  for (const std::string& argument : arguments) {
+    if (argument == "--help") {
+      options->help = true;
+    } else if (argument == "--json") {
+      options->json = true;
+    } else if (!argument.empty() && argument.front() != '-' &&
+               !options->has_address) {
+      options->has_address = true;
+      options->address = argument;
+    } else {
+      std::fprintf(stderr,
+                   "lumso_host: wrong argument: %s (see doctor --help)\n",
+                   argument.c_str());
+      return false;
+    }
+  }
+  return true;
+}
+
+struct Look {
+  const char* word;
+  const char* mark;
+  const char* colour;
+};
+
+const Look& LookOf(Verdict verdict) {
+  static constexpr Look kLooks[] = {
+      {"ok", "✔", "\x1b[32m"},
+      {"problem", "✘", "\x1b[31m"},
+      {"cannot tell", "?", "\x1b[33m"},
+  };
+  return kLooks[static_cast<int>(verdict)];
+}
+
+Json ToJson(const Finding& finding) {
+  Json json = {{"step", finding.step},
+               {"verdict", LookOf(finding.verdict).word},
+               {"saw", finding.saw}};
+  if (finding.trouble) {
+    json["means"] = PlainText(RowOf(*finding.trouble).means);
+    json["do"] = PlainText(RowOf(*finding.trouble).remedy);
+  }
+  return json;
+}
+
+std::string ToText(const Finding& finding, const Screen& screen) {
+  const Look& look = LookOf(finding.verdict);
+  std::string text = look.word;
+  text.append(13 - text.size(), ' ');
+  if (screen.terminal) text = std::string(look.mark) + " " + text;
+  if (screen.colours) text = look.colour + text + "\x1b[0m";
+  text += std::string(finding.step) + ": ";
+  for (size_t i = 0; i < finding.saw.size(); ++i) {
+    text += (i == 0 ? "" : "; ") + finding.saw[i];
+  }
+  if (finding.trouble) {
+    const TroubleRow& row = RowOf(*finding.trouble);
+    text += "\n    It means: " + PlainText(row.means) +
+            "\n    Do: " + PlainText(row.remedy);
+  }
+  return text;
+}
+
+std::string Summary(size_t problems) {
+  if (problems == 0) return "Nothing is wrong that can be seen from here.";
+  return std::to_string(problems) +
+         (problems == 1 ? " problem." : " problems.");
+}
+
+using StepFunction = Finding (*)(Patient* patient);
+
+std::vector<StepFunction> Steps(bool has_address) {
+  std::vector<StepFunction> steps = {
+      ExamineProcess, ExamineKernel,  ExamineRadio, ExamineBus,
+      ExamineDaemon,  ExamineAdapter, ExamineAgent, ExamineGlib};
+  if (has_address) steps.insert(steps.end(), {ExamineDevice, ExamineStream});
+  return steps;
+}
+
+}  // namespace
+
+int RunDoctor(const std::vector<std::string>& arguments) {
+  Options options;
+  if (!ParseOptions(arguments, &options)) return kStatusWrongUsage;
+  if (options.help) {
+    std::printf("%s", kUsage);
+    return 0;
+  }
+  std::thread([] {
+    std::this_thread::sleep_for(kGiveUpAfter);
+    _exit(kStatusProblem);
+  }).detach();
+  const Screen screen = options.json ? Screen() : FindScreen();
+  bool output_failed = false;
+  LineWriter writer(false, [&output_failed] { output_failed = true; });
+  Patient patient;
+  patient.address = options.address;
+  patient.deadline =
+      g_get_monotonic_time() + kDeadlineSeconds * G_TIME_SPAN_SECOND;
+  patient.announce = [](const std::string& text) {
+    std::fprintf(stderr, "lumso_host: %s\n", text.c_str());
+  };
+  size_t problems = 0;
+  for (const StepFunction step : Steps(options.has_address)) {
+    const Finding finding = step(&patient);
+    if (finding.verdict == Verdict::kProblem) ++problems;
+    writer.WriteLine(options.json ? JsonLine(ToJson(finding))
+                                  : ToText(finding, screen));
+  }
+  if (!options.json) writer.WriteLine(Summary(problems));
+  return problems > 0 || output_failed ? kStatusProblem : 0;
+}
+
+}  // namespace lumso_host

@@ -1,0 +1,476 @@
+// The doctor's steps that ask the system bus and the BlueZ daemon.
+
+#include <bluetooth/bluetooth.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <string_view>
+#include <utility>
+
+#include "host/doctor.h"
+
+namespace lumso_host {
+
+namespace {
+
+constexpr char kBus[] = "org.freedesktop.DBus";
+constexpr char kBusPath[] = "/org/freedesktop/DBus";
+constexpr char kBluez[] = "org.bluez";
+constexpr char kBluezPath[] = "/org/bluez";
+constexpr char kSystemd[] = "org.freedesktop.systemd1";
+constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
+constexpr char kAdapterInterface[] = "org.bluez.Adapter1";
+constexpr char kDeviceInterface[] = "org.bluez.Device1";
+constexpr char kAgentManager[] = "org.bluez.AgentManager1";
+constexpr char kAgentPath[] = "/brel/lumso/lumso_bluetooth/doctor";
+constexpr char kAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
+
+constexpr int kBusMs = 5000;
+constexpr int kDaemonMs = 8000;
+constexpr gint64 kSettleUs = 300000;
+
+struct BusCall {
+  const char* name;
+  const char* path;
+  const char* interface;
+  const char* method;
+  GVariant* arguments;  // Taken; may be null.
+  const char* reply_type;
+  int limit_ms;
+};
+
+// Starts nothing that does not run.
+BusAnswer Ask(const Patient& patient, const BusCall& call) {
+  BusAnswer answer;
+  g_autoptr(GError) error = nullptr;
+  answer.value.reset(g_dbus_connection_call_sync(
+      patient.bus.get(), call.name, call.path, call.interface, call.method,
+      call.arguments, G_VARIANT_TYPE(call.reply_type),
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, TimeLeft(patient, call.limit_ms),
+      nullptr, &error));
+  if (error == nullptr) return answer;
+  g_autofree gchar* name = g_dbus_error_get_remote_error(error);
+  answer.late = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+                g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY);
+  g_dbus_error_strip_remote_error(error);
+  if (name != nullptr) answer.error = name;
+  answer.message = error->message;
+  return answer;
+}
+
+BusAnswer AskBus(const Patient& patient, const char* method,
+                 GVariant* arguments, const char* reply_type) {
+  return Ask(patient,
+             {kBus, kBusPath, kBus, method, arguments, reply_type, kBusMs});
+}
+
+BusAnswer AskForObjects(const Patient& patient) {
+  return Ask(patient,
+             {kBluez, "/", "org.freedesktop.DBus.ObjectManager",
+              "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})", kDaemonMs});
+}
+
+// Outlives a doctor that no longer waits.
+struct Connecting {
+  BusAnswer answer;
+  std::unique_ptr<GDBusConnection, ConnectionUnref> connection;
+  bool done = false;
+};
+using ConnectingPtr = std::shared_ptr<Connecting>;
+
+void OnConnected(GObject*, GAsyncResult* result, gpointer user_data) {
+  const std::unique_ptr<ConnectingPtr> own(
+      static_cast<ConnectingPtr*>(user_data));
+  Connecting& connecting = **own;
+  g_autoptr(GError) error = nullptr;
+  connecting.connection.reset(
+      g_dbus_connection_new_for_address_finish(result, &error));
+  if (error != nullptr) connecting.answer.message = error->message;
+  connecting.done = true;
+}
+
+// Makes a connection of the doctor's own, whose agent is nobody else's. It is
+// given up when the bus says nothing.
+BusAnswer ConnectToBus(Patient* patient) {
+  const auto connecting = std::make_shared<Connecting>();
+  g_autoptr(GError) error = nullptr;
+  g_autofree gchar* address =
+      g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+  if (address == nullptr) {
+    connecting->answer.message = error->message;
+    return std::move(connecting->answer);
+  }
+  g_dbus_connection_new_for_address(
+      address,
+      static_cast<GDBusConnectionFlags>(
+          G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, OnConnected,
+      std::make_unique<ConnectingPtr>(connecting).release());
+  bool late = false;
+  const guint timer = g_timeout_add(
+      static_cast<guint>(TimeLeft(*patient, kBusMs)),
+      [](gpointer data) -> gboolean {
+        *static_cast<bool*>(data) = true;
+        return G_SOURCE_CONTINUE;
+      },
+      &late);
+  while (!connecting->done && !late) g_main_context_iteration(nullptr, TRUE);
+  g_source_remove(timer);
+  connecting->answer.late = !connecting->done;
+  patient->bus = std::move(connecting->connection);
+  return std::move(connecting->answer);
+}
+
+// Returns what is called `name` in `properties` (a{sv}); null when it is not
+// there or of another type.
+VariantPtr Property(GVariant* properties, const char* name, const char* type) {
+  return VariantPtr(
+      g_variant_lookup_value(properties, name, G_VARIANT_TYPE(type)));
+}
+
+std::string Text(GVariant* properties, const char* name) {
+  const VariantPtr value = Property(properties, name, "s");
+  return value == nullptr ? "" : g_variant_get_string(value.get(), nullptr);
+}
+
+bool IsSet(GVariant* properties, const char* name) {
+  const VariantPtr value = Property(properties, name, "b");
+  return value != nullptr && g_variant_get_boolean(value.get());
+}
+
+using Visitor =
+    std::function<void(const std::string& path, GVariant* properties)>;
+
+// Visits the objects with that interface in the daemon's order.
+void ForEachObject(const Patient& patient, const char* interface,
+                   const Visitor& visit) {
+  const VariantPtr objects(
+      g_variant_get_child_value(patient.objects.value.get(), 0));
+  GVariantIter iterator;
+  g_variant_iter_init(&iterator, objects.get());
+  const gchar* path = nullptr;
+  GVariant* interfaces = nullptr;
+  while (g_variant_iter_loop(&iterator, "{&o@a{sa{sv}}}", &path, &interfaces)) {
+    const VariantPtr properties(
+        g_variant_lookup_value(interfaces, interface, G_VARIANT_TYPE_VARDICT));
+    if (properties != nullptr) visit(path, properties.get());
+  }
+}
+
+std::string LastName(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// The daemon tells its version as that of the device that it says to be.
+std::string DaemonVersion(const Patient& patient) {
+  std::string version;
+  ForEachObject(
+      patient, kAdapterInterface,
+      [&version](const std::string&, GVariant* properties) {
+        unsigned number = 0;
+        const std::string modalias = Text(properties, "Modalias");
+        if (std::sscanf(modalias.c_str(), "usb:v1D6Bp0246d%4x", &number) == 1) {
+          version =
+              std::to_string(number >> 8) + "." + std::to_string(number & 0xff);
+        }
+      });
+  return version;
+}
+
+// Says why the daemon does not run, as its service sees it.
+Finding ExamineService(Finding finding, GVariant* unit, Patient* patient) {
+  const std::string load = Text(unit, "LoadState");
+  const std::string active = Text(unit, "ActiveState");
+  const std::string file = Text(unit, "UnitFileState");
+  finding.saw.push_back("bluetooth.service: " + load + ", " + active +
+                        (file.empty() ? "" : ", " + file));
+  if (load == "masked" || active == "failed")
+    return Problem(std::move(finding), Trouble::kDaemonFails);
+  if (load == "not-found" || file == "disabled")
+    return Problem(std::move(finding), Trouble::kNoDaemon);
+  const VariantPtr tried = Property(unit, "ConditionTimestamp", "t");
+  const bool skipped = tried != nullptr &&
+                       g_variant_get_uint64(tried.get()) != 0 &&
+                       !IsSet(unit, "ConditionResult");
+  if (skipped && patient->adapter_spoilt != nullptr) {
+    return CannotTell(std::move(finding),
+                      std::string("see ") + patient->adapter_spoilt);
+  }
+  if (skipped) return Problem(std::move(finding), Trouble::kDaemonSkipped);
+  return CannotTell(std::move(finding),
+                    "the bus starts it at an application's first call; after "
+                    "systemctl start bluetooth the doctor sees more");
+}
+
+Finding ExamineAbsentDaemon(Finding finding, Patient* patient) {
+  const BusAnswer names =
+      AskBus(*patient, "ListActivatableNames", nullptr, "(as)");
+  bool startable = false;
+  if (names.value != nullptr) {
+    g_autofree const gchar** all = nullptr;
+    g_variant_get(names.value.get(), "(^a&s)", &all);
+    startable = g_strv_contains(all, kBluez);
+  }
+  finding.saw.push_back(std::string("it does not run, and the bus ") +
+                        (startable ? "may start it" : "cannot start it"));
+  const BusAnswer unit =
+      Ask(*patient, {kSystemd, "/org/freedesktop/systemd1",
+                     "org.freedesktop.systemd1.Manager", "LoadUnit",
+                     g_variant_new("(s)", "bluetooth.service"), "(o)", kBusMs});
+  if (unit.value == nullptr) {
+    finding.saw.push_back("no systemd on the bus");
+    return Problem(std::move(finding), Trouble::kNoDaemon);
+  }
+  const gchar* path = nullptr;
+  g_variant_get(unit.value.get(), "(&o)", &path);
+  const BusAnswer state =
+      Ask(*patient, {kSystemd, path, kProperties, "GetAll",
+                     g_variant_new("(s)", "org.freedesktop.systemd1.Unit"),
+                     "(a{sv})", kBusMs});
+  if (state.value == nullptr)
+    return CannotTell(std::move(finding), "systemd: " + state.message);
+  const VariantPtr properties(g_variant_get_child_value(state.value.get(), 0));
+  return ExamineService(std::move(finding), properties.get(), patient);
+}
+
+// The adapters that let devices pair with them, by their paths.
+std::map<std::string, bool> Pairable(const Patient& patient) {
+  std::map<std::string, bool> pairable;
+  ForEachObject(patient, kAdapterInterface,
+                [&pairable](const std::string& path, GVariant* properties) {
+                  pairable[path] = IsSet(properties, "Pairable");
+                });
+  return pairable;
+}
+
+// A daemon lets devices pair while somebody has an agent, and forgets what was
+// set by hand when the last one goes: it is set again. That happens some
+// milliseconds after the daemon's answer.
+void RestorePairable(Patient* patient) {
+  const auto before = Pairable(*patient);
+  const gint64 end = g_get_monotonic_time() + kSettleUs;
+  while (g_get_monotonic_time() < end) {
+    BusAnswer now = AskForObjects(*patient);
+    if (now.value == nullptr) return;
+    patient->objects = std::move(now);
+    for (const auto& [path, pairable] : Pairable(*patient)) {
+      const auto was = before.find(path);
+      if (was == before.end() || was->second == pairable) continue;
+      Ask(*patient, {kBluez, path.c_str(), kProperties, "Set",
+                     g_variant_new("(ssv)", kAdapterInterface, "Pairable",
+                                   g_variant_new_boolean(was->second)),
+                     "()", kBusMs});
+    }
+    g_usleep(kSettleUs / 10);
+  }
+}
+
+// The device's record under `adapter`, or under any when that is empty.
+VariantPtr FindDevice(const Patient& patient, const std::string& adapter) {
+  VariantPtr found;
+  ForEachObject(
+      patient, kDeviceInterface,
+      [&](const std::string& path, GVariant* properties) {
+        const std::string address = Text(properties, "Address");
+        if (found == nullptr && path.rfind(adapter + "/", 0) == 0 &&
+            g_ascii_strcasecmp(address.c_str(), patient.address.c_str()) == 0)
+          found.reset(g_variant_ref(properties));
+      });
+  return found;
+}
+
+}  // namespace
+
+bool IsProbedName(const std::string& name) {
+  return std::any_of(kProbedNamePrefixes.begin(), kProbedNamePrefixes.end(),
+                     [&name](std::string_view prefix) {
+                       return name.compare(0, prefix.size(), prefix) == 0;
+                     });
+}
+
+Finding ExamineBus(Patient* patient) {
+  Finding finding;
+  finding.step = "bus";
+  if (patient->bus_spoilt != nullptr) {
+    return CannotTell(std::move(finding),
+                      std::string("not asked: see ") + patient->bus_spoilt);
+  }
+  patient->bus_spoilt = finding.step;
+  const gint64 began = g_get_monotonic_time();
+  BusAnswer answer = ConnectToBus(patient);
+  if (patient->bus != nullptr) {
+    answer =
+        AskBus(*patient, "GetNameOwner", g_variant_new("(s)", kBluez), "(s)");
+  }
+  if (answer.late) {
+    finding.saw.push_back("no answer within 5 s");
+    return Problem(std::move(finding), Trouble::kBusSilent);
+  }
+  if (patient->bus == nullptr) {
+    finding.saw.push_back(answer.message);
+    return Problem(std::move(finding), Trouble::kNoBus);
+  }
+  finding.saw.push_back(
+      "answers after " +
+      std::to_string((g_get_monotonic_time() - began) / 1000) + " ms");
+  patient->bus_spoilt = nullptr;
+  if (answer.value == nullptr) return finding;
+  const gchar* owner = nullptr;
+  g_variant_get(answer.value.get(), "(&s)", &owner);
+  patient->daemon_owner = owner;
+
+  patient->objects = AskForObjects(*patient);
+  if (patient->objects.error == kAccessDenied) {
+    finding.saw.push_back("org.bluez: " + patient->objects.message);
+    patient->daemon_spoilt = finding.step;
+    return Problem(std::move(finding), std::getenv("SNAP") == nullptr
+                                           ? Trouble::kDenied
+                                           : Trouble::kNoBus);
+  }
+  finding.saw.push_back("lets this user call org.bluez");
+  return finding;
+}
+
+Finding ExamineDaemon(Patient* patient) {
+  Finding finding;
+  finding.step = "daemon";
+  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
+    if (spoilt != nullptr)
+      return CannotTell(std::move(finding),
+                        std::string("not asked: see ") + spoilt);
+  }
+  patient->daemon_spoilt = finding.step;
+  if (patient->daemon_owner.empty())
+    return ExamineAbsentDaemon(std::move(finding), patient);
+  if (patient->objects.late) {
+    finding.saw.push_back("it runs, and gave no answer within " +
+                          std::to_string(kDaemonMs / 1000) + " s");
+    return Problem(std::move(finding), Trouble::kDaemonHangs);
+  }
+  if (patient->objects.value == nullptr)
+    return CannotTell(std::move(finding),
+                      "GetManagedObjects: " + patient->objects.message);
+  patient->daemon_spoilt = nullptr;
+  const std::string version = DaemonVersion(*patient);
+  finding.saw.push_back("it runs and answers, " + (version.empty()
+                                                       ? "version not told"
+                                                       : "version " + version));
+  return finding;
+}
+
+Finding ExamineAdapter(Patient* patient) {
+  Finding finding;
+  finding.step = "adapter";
+  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
+    if (spoilt != nullptr)
+      return CannotTell(std::move(finding),
+                        std::string("not asked: see ") + spoilt);
+  }
+  VariantPtr taken;
+  ForEachObject(
+      *patient, kAdapterInterface,
+      [&](const std::string& path, GVariant* properties) {
+        finding.saw.push_back(
+            LastName(path) + " " + Text(properties, "Address") +
+            (IsSet(properties, "Powered") ? ", on" : ", off") +
+            (IsSet(properties, "Discovering") ? ", discovering" : "") +
+            (IsSet(properties, "Pairable") ? ", pairable" : ", not pairable"));
+        if (taken != nullptr) return;
+        taken.reset(g_variant_ref(properties));
+        patient->adapter = path;
+      });
+  const char* const earlier = patient->adapter_spoilt;
+  const std::string name = LastName(patient->adapter);
+  if (taken != nullptr) {
+    finding.saw.push_back("an application takes " + name +
+                          ", the first that the daemon lists");
+    if (IsSet(taken.get(), "Powered")) {
+      patient->adapter_spoilt = nullptr;
+      return finding;
+    }
+  } else {
+    finding.saw.push_back("the daemon lists none");
+  }
+  if (earlier != nullptr)
+    return CannotTell(std::move(finding), std::string("see ") + earlier);
+  patient->adapter_spoilt = finding.step;
+  if (taken == nullptr) return Problem(std::move(finding), Trouble::kNoAdapter);
+  const auto& blocked = patient->blocked;
+  const bool is_blocked =
+      std::find(blocked.begin(), blocked.end(), name) != blocked.end();
+  return Problem(std::move(finding),
+                 is_blocked ? Trouble::kBlocked : Trouble::kAdapterOff);
+}
+
+Finding ExamineAgent(Patient* patient) {
+  Finding finding;
+  finding.step = "agent";
+  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
+    if (spoilt != nullptr)
+      return CannotTell(std::move(finding),
+                        std::string("not asked: see ") + spoilt);
+  }
+  const auto ask = [&](const char* method, GVariant* arguments) {
+    return Ask(*patient, {kBluez, kBluezPath, kAgentManager, method, arguments,
+                          "()", kBusMs});
+  };
+  const BusAnswer made = ask(
+      "RegisterAgent", g_variant_new("(os)", kAgentPath, "NoInputNoOutput"));
+  if (made.value == nullptr) {
+    finding.saw.push_back(
+        "RegisterAgent: " +
+        (made.late ? std::string("no answer within 5 s") : made.message));
+    return Problem(std::move(finding), made.error == kAccessDenied
+                                           ? Trouble::kDenied
+                                           : Trouble::kAgentRefused);
+  }
+  ask("UnregisterAgent", g_variant_new("(o)", kAgentPath));
+  RestorePairable(patient);
+  finding.saw.push_back("one can be registered");
+  finding.saw.push_back(
+      "pairings that a device begins go to whoever asked last to be the "
+      "default: the application, or a desktop's dialogue that came later");
+  return finding;
+}
+
+Finding ExamineDevice(Patient* patient) {
+  Finding finding;
+  finding.step = "device";
+  finding.saw.push_back(patient->address);
+  if (bachk(patient->address.c_str()) != 0) {
+    patient->address_spoilt = finding.step;
+    return Problem(std::move(finding), Trouble::kBadAddress);
+  }
+  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
+    if (spoilt != nullptr)
+      return CannotTell(std::move(finding),
+                        std::string("not asked for: see ") + spoilt);
+  }
+  const VariantPtr device = FindDevice(*patient, patient->adapter);
+  if (device == nullptr) {
+    finding.trouble = Trouble::kNotKnown;
+    return CannotTell(std::move(finding),
+                      "not known to the daemon, which matters only to pairing");
+  }
+  std::string name = Text(device.get(), "Alias");
+  if (name.empty()) name = Text(device.get(), "Name");
+  const bool paired = IsSet(device.get(), "Paired");
+  finding.saw.push_back("known as \"" + name + "\", which the prober " +
+                        (IsProbedName(name) ? "asks" : "does not ask"));
+  finding.saw.push_back(paired ? "paired" : "not paired");
+  finding.saw.push_back(IsSet(device.get(), "Connected") ? "connected"
+                                                         : "not connected");
+  const VariantPtr rssi = Property(device.get(), "RSSI", "n");
+  finding.saw.push_back(
+      rssi == nullptr
+          ? "no signal strength: not seen by a running discovery"
+          : "signal strength " +
+                std::to_string(g_variant_get_int16(rssi.get())) + " dBm");
+  return finding;
+}
+
+}  // namespace lumso_host

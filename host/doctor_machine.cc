@@ -1,0 +1,395 @@
+// The doctor's steps that ask the kernel and the process itself.
+
+#include <bluetooth/bluetooth.h>
+#include <bluetooth/rfcomm.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "host/doctor.h"
+
+namespace lumso_host {
+
+namespace {
+
+constexpr char kFirstPidNamespace[] = "pid:[4026531836]";  // Fixed by Linux.
+constexpr uint8_t kChannel = 1;
+constexpr int kConnectMs = 25000;
+constexpr gint64 kClosingUs = 1000000;
+
+bool Exists(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::exists(path, error);
+}
+
+std::string LinkTarget(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::read_symlink(path, error).string();
+}
+
+std::string FirstLine(const std::string& path) {
+  std::string line;
+  std::ifstream stream(path);
+  std::getline(stream, line);
+  return line;
+}
+
+// The names in a folder that begin with `start`, sorted.
+std::vector<std::string> Names(const std::string& folder, const char* start) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind(start, 0) == 0) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string UserName() {
+  const uid_t id = geteuid();
+  const passwd* user = getpwuid(id);
+  const std::string number = std::to_string(id);
+  return user == nullptr ? number : std::string(user->pw_name) + " " + number;
+}
+
+struct Switch {
+  std::string name;  // A controller's, or the machine's own switch.
+  bool soft = false;
+  bool hard = false;
+};
+
+std::vector<Switch> Switches(const Patient& patient) {
+  std::vector<Switch> switches;
+  const std::string folder = patient.root + "/sys/class/rfkill/";
+  for (const std::string& entry : Names(folder, "rfkill")) {
+    const std::string device = folder + entry;
+    if (FirstLine(device + "/type") != "bluetooth") continue;
+    switches.push_back({FirstLine(device + "/name"),
+                        FirstLine(device + "/soft") == "1",
+                        FirstLine(device + "/hard") == "1"});
+  }
+  return switches;
+}
+
+// A controller that is not blocked may be the one that matters; a switch of the
+// machine itself takes controllers away.
+bool IsRadioBlocked(const std::vector<Switch>& switches) {
+  size_t controllers = 0;
+  size_t blocked = 0;
+  for (const Switch& radio : switches) {
+    const bool controller = radio.name.rfind("hci", 0) == 0;
+    const bool off = radio.soft || radio.hard;
+    if (off && !controller) return true;
+    if (controller) ++controllers;
+    if (controller && off) ++blocked;
+  }
+  return controllers > 0 && blocked == controllers;
+}
+
+enum class Namespace { kFirst, kOther, kUnknown };
+
+// Bluetooth sockets exist in the first network namespace alone. Process 1 is in
+// it unless it is a container's; only root may look at it.
+Namespace NetworkNamespace(const Patient& patient) {
+  const int error = patient.socket_error;
+  if (error == 0 || error == EPROTONOSUPPORT) return Namespace::kFirst;
+  const std::string own = LinkTarget(patient.root + "/proc/self/ns/net");
+  const std::string first = LinkTarget(patient.root + "/proc/1/ns/net");
+  if (!own.empty() && !first.empty()) {
+    if (own != first) return Namespace::kOther;
+    if (LinkTarget(patient.root + "/proc/self/ns/pid") == kFirstPidNamespace)
+      return Namespace::kFirst;
+  }
+  // The kernel has Bluetooth and does not give it to this process.
+  return error == EAFNOSUPPORT && Exists(patient.root + "/sys/module/bluetooth")
+             ? Namespace::kOther
+             : Namespace::kUnknown;
+}
+
+bool HasWord(GKeyFile* file, const char* group, const char* key,
+             const char* word) {
+  g_auto(GStrv) words =
+      g_key_file_get_string_list(file, group, key, nullptr, nullptr);
+  return words != nullptr && g_strv_contains(words, word);
+}
+
+// Looks at what a Flatpak application was granted.
+Finding ExamineFlatpak(Finding finding, GKeyFile* info, Patient* patient) {
+  g_autofree gchar* policy =
+      g_key_file_get_string(info, "System Bus Policy", "org.bluez", nullptr);
+  const bool bus = HasWord(info, "Context", "sockets", "system-bus") ||
+                   g_strcmp0(policy, "talk") == 0 ||
+                   g_strcmp0(policy, "own") == 0;
+  const bool network = HasWord(info, "Context", "shared", "network");
+  const bool sockets = HasWord(info, "Context", "features", "bluetooth");
+  finding.saw.push_back(std::string("a Flatpak sandbox, ") +
+                        (bus ? "with" : "without") + " org.bluez, " +
+                        (network ? "with" : "without") + " the network, " +
+                        (sockets ? "with" : "without") + " Bluetooth sockets");
+  if (!bus) patient->bus_spoilt = finding.step;
+  if (!network || !sockets) patient->sockets_spoilt = finding.step;
+  if (!bus) return Problem(std::move(finding), Trouble::kNoBus);
+  if (!network || !sockets)
+    return Problem(std::move(finding), Trouble::kNoSockets);
+  return finding;
+}
+
+std::string Milliseconds(gint64 since) {
+  return std::to_string((g_get_monotonic_time() - since) / 1000) + " ms";
+}
+
+int OpenSocket() {
+  return socket(AF_BLUETOOTH, SOCK_STREAM | SOCK_CLOEXEC, BTPROTO_RFCOMM);
+}
+
+struct Connected {
+  int error = 0;  // errno; 0 when connected.
+  bool late = false;
+};
+
+// Connects without blocking, so that nothing here can outlast the deadline.
+Connected ConnectWithin(int fd, const sockaddr_rc& remote, int limit_ms) {
+  const gint64 end = g_get_monotonic_time() + gint64{limit_ms} * 1000;
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) ==
+      0) {
+    return {};
+  }
+  if (errno != EINPROGRESS && errno != EINTR) return {errno, false};
+  for (;;) {
+    const gint64 left = (end - g_get_monotonic_time()) / 1000;
+    if (left <= 0) return {ETIMEDOUT, true};
+    pollfd wait = {fd, POLLOUT, 0};
+    const int ready = poll(&wait, 1, static_cast<int>(left));
+    if (ready < 0 && errno != EINTR) return {errno, false};
+    if (ready > 0) break;
+  }
+  int error = 0;
+  socklen_t size = sizeof(error);
+  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+  return {error, false};
+}
+
+// Opens channel 1 of the device and closes it. A channel that was let go of
+// just now is busy for some milliseconds yet.
+Connected OpenOnce(const Patient& patient) {
+  sockaddr_rc remote = {};
+  remote.rc_family = AF_BLUETOOTH;
+  remote.rc_channel = kChannel;
+  str2ba(patient.address.c_str(), &remote.rc_bdaddr);
+  const gint64 closed_by = g_get_monotonic_time() + kClosingUs;
+  for (;;) {
+    const int fd = OpenSocket();
+    if (fd < 0) return {errno, false};
+    const Connected result =
+        ConnectWithin(fd, remote, TimeLeft(patient, kConnectMs));
+    close(fd);
+    if (result.error != EBUSY || g_get_monotonic_time() > closed_by) {
+      return result;
+    }
+    g_usleep(kClosingUs / 50);
+  }
+}
+
+std::optional<Trouble> TroubleOfConnect(int error) {
+  switch (error) {
+    case ECONNREFUSED:
+      return Trouble::kRefused;
+    case EHOSTDOWN:
+      return Trouble::kHostDown;
+    case EHOSTUNREACH:
+      return Trouble::kNoRoute;
+    case EBUSY:
+      return Trouble::kBusy;
+    case EACCES:
+      return Trouble::kNotAuthenticated;
+    case ETIMEDOUT:
+      return Trouble::kNoAnswer;
+    default:
+      return std::nullopt;
+  }
+}
+
+}  // namespace
+
+Finding Problem(Finding finding, Trouble trouble) {
+  finding.verdict = Verdict::kProblem;
+  finding.trouble = trouble;
+  return finding;
+}
+
+Finding CannotTell(Finding finding, const std::string& reason) {
+  finding.verdict = Verdict::kCannotTell;
+  finding.saw.push_back(reason);
+  return finding;
+}
+
+int TimeLeft(const Patient& patient, int most) {
+  const gint64 left = (patient.deadline - g_get_monotonic_time()) / 1000;
+  return static_cast<int>(std::clamp<gint64>(left, 1, most));
+}
+
+Finding ExamineProcess(Patient* patient) {
+  Finding finding;
+  finding.step = "this process";
+  finding.saw.push_back("user " + UserName());
+
+  const int fd = OpenSocket();
+  patient->socket_error = fd < 0 ? errno : 0;
+  if (fd >= 0) close(fd);
+
+  g_autoptr(GKeyFile) info = g_key_file_new();
+  const std::string flatpak = patient->root + "/.flatpak-info";
+  if (Exists(flatpak)) {
+    g_key_file_load_from_file(info, flatpak.c_str(), G_KEY_FILE_NONE, nullptr);
+    finding = ExamineFlatpak(std::move(finding), info, patient);
+    if (finding.verdict == Verdict::kProblem) return finding;
+  } else if (const char* snap = std::getenv("SNAP")) {
+    finding.saw.push_back(std::string("a Snap (") + snap +
+                          "): its bluez interface must be connected");
+  } else {
+    finding.saw.push_back("no Flatpak or Snap sandbox");
+  }
+
+  switch (NetworkNamespace(*patient)) {
+    case Namespace::kFirst:
+      finding.saw.push_back("the machine's own network namespace");
+      return finding;
+    case Namespace::kOther:
+      finding.saw.push_back(
+          "a network namespace of its own, in which the kernel has no "
+          "Bluetooth "
+          "sockets");
+      patient->sockets_spoilt = finding.step;
+      return Problem(std::move(finding), Trouble::kNoSockets);
+    case Namespace::kUnknown:
+      break;
+  }
+  return CannotTell(std::move(finding),
+                    "whether this is the machine's own network namespace "
+                    "cannot be seen from here");
+}
+
+Finding ExamineKernel(Patient* patient) {
+  Finding finding;
+  finding.step = "kernel";
+  for (const char* module : {"bluetooth", "rfcomm"}) {
+    const bool there = Exists(patient->root + "/sys/module/" + module);
+    finding.saw.push_back(std::string("module ") + module +
+                          (there ? " loaded" : " not loaded"));
+  }
+  if (patient->sockets_spoilt != nullptr) {
+    return CannotTell(std::move(finding),
+                      std::string("its sockets are not to be had here: see ") +
+                          patient->sockets_spoilt);
+  }
+  const int error = patient->socket_error;
+  finding.saw.push_back(std::string("RFCOMM socket: ") +
+                        (error == 0 ? "made" : std::strerror(error)));
+  if (error != 0) patient->sockets_spoilt = finding.step;
+  switch (error) {
+    case 0:
+      break;
+    case EAFNOSUPPORT:
+      return Problem(std::move(finding), Trouble::kNoSockets);
+    case EPROTONOSUPPORT:
+      return Problem(std::move(finding), Trouble::kNoRfcomm);
+    case EPERM:
+    case EACCES:
+      return Problem(std::move(finding), Trouble::kSocketsForbidden);
+    default:
+      return CannotTell(std::move(finding), "an error of its own kind");
+  }
+  size_t controllers = 0;
+  for (const std::string& name :
+       Names(patient->root + "/sys/class/bluetooth", "hci")) {
+    if (name.find(':') != std::string::npos) continue;  // a connection
+    finding.saw.push_back("controller " + name);
+    ++controllers;
+  }
+  if (controllers > 0) return finding;
+  return CannotTell(std::move(finding),
+                    "no controller in /sys/class/bluetooth: see adapter");
+}
+
+Finding ExamineRadio(Patient* patient) {
+  Finding finding;
+  finding.step = "radio switch";
+  const std::vector<Switch> switches = Switches(*patient);
+  for (const Switch& radio : switches) {
+    finding.saw.push_back(radio.name +
+                          (radio.soft ? " blocked by software" : "") +
+                          (radio.soft && radio.hard ? " and" : "") +
+                          (radio.hard ? " blocked by hardware" : "") +
+                          (radio.soft || radio.hard ? "" : " not blocked"));
+    if (radio.soft || radio.hard) patient->blocked.push_back(radio.name);
+  }
+  if (switches.empty()) finding.saw.push_back("none for Bluetooth");
+  if (!IsRadioBlocked(switches)) return finding;
+  patient->adapter_spoilt = finding.step;
+  return Problem(std::move(finding), Trouble::kBlocked);
+}
+
+Finding ExamineGlib(Patient*) {
+  return JudgeGlib(glib_major_version, glib_minor_version, glib_micro_version);
+}
+
+// Since 2.78.5, 2.80.1 and 2.81 a signal counts only when the owner of the name
+// sent it (CVE-2024-34397).
+Finding JudgeGlib(unsigned major, unsigned minor, unsigned micro) {
+  Finding finding;
+  finding.step = "GLib";
+  finding.saw.push_back("version " + std::to_string(major) + "." +
+                        std::to_string(minor) + "." + std::to_string(micro));
+  const bool fixed = major > 2 || (major == 2 && minor >= 81) ||
+                     (major == 2 && minor == 80 && micro >= 1) ||
+                     (major == 2 && minor == 78 && micro >= 5);
+  if (fixed) return finding;
+  return CannotTell(
+      std::move(finding),
+      "older than the fix of 2024 (2.78.5, 2.80.1) against signals with a "
+      "forged sender; distributions carry it in older versions too, Debian 12 "
+      "since 2.74.6-2+deb12u2, which the number does not show");
+}
+
+Finding ExamineStream(Patient* patient) {
+  Finding finding;
+  finding.step = "stream";
+  for (const char* spoilt :
+       {patient->address_spoilt, patient->sockets_spoilt, patient->bus_spoilt,
+        patient->daemon_spoilt, patient->adapter_spoilt}) {
+    if (spoilt != nullptr)
+      return CannotTell(std::move(finding),
+                        std::string("not tried: see ") + spoilt);
+  }
+  if (patient->announce) {
+    patient->announce("opening channel 1 of " + patient->address +
+                      " once, and closing it");
+  }
+  const gint64 began = g_get_monotonic_time();
+  const Connected result = OpenOnce(*patient);
+  if (result.error == 0) {
+    finding.saw.push_back("channel 1 opened after " + Milliseconds(began));
+    return finding;
+  }
+  finding.saw.push_back((result.late
+                             ? std::string("no answer")
+                             : std::string(std::strerror(result.error))) +
+                        " after " + Milliseconds(began));
+  const auto trouble = TroubleOfConnect(result.error);
+  if (!trouble)
+    return CannotTell(std::move(finding), "an error of its own kind");
+  return Problem(std::move(finding), *trouble);
+}
+
+}  // namespace lumso_host

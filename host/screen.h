@@ -1,0 +1,19 @@
+// What there is at the other end of the standard streams.
+
+#ifndef LUMSO_BLUETOOTH_HOST_SCREEN_H_
+#define LUMSO_BLUETOOTH_HOST_SCREEN_H_
+
+namespace lumso_host {
+
+struct Screen {
+  bool terminal = false;  // Standard output is one: a person reads.
+  bool person = false;    // Types and reads on a terminal.
+  bool editing = false;   // The terminal can move its cursor.
+  bool colours = false;
+};
+
+Screen FindScreen();
+
+}  // namespace lumso_host
+
+#endif  // LUMSO_BLUETOOTH_HOST_SCREEN_H_

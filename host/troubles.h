@@ -1,0 +1,54 @@
+// What can be wrong with Bluetooth on a machine and be seen without an
+// application: rows of docs/troubleshooting.md, which a test compares.
+
+#ifndef LUMSO_BLUETOOTH_HOST_TROUBLES_H_
+#define LUMSO_BLUETOOTH_HOST_TROUBLES_H_
+
+#include <cstddef>
+#include <vector>
+
+namespace lumso_host {
+
+enum class Trouble {
+  kNoAdapter,
+  kNoBus,
+  kBusSilent,
+  kDenied,
+  kNoDaemon,
+  kDaemonSkipped,
+  kDaemonFails,
+  kDaemonHangs,
+  kAdapterOff,
+  kBlocked,
+  kAgentRefused,
+  kNotKnown,
+  kBadAddress,
+  kNoSockets,
+  kSocketsForbidden,
+  kNoRfcomm,
+  kRefused,
+  kHostDown,
+  kNoRoute,
+  kNotAuthenticated,
+  kNoAnswer,
+  kBusy,
+};
+
+// The three cells of a row, in Markdown.
+struct TroubleRow {
+  Trouble trouble;
+  const char* see;
+  const char* means;
+  const char* remedy;
+};
+
+// In the order of the enumeration.
+const std::vector<TroubleRow>& Troubles();
+
+inline const TroubleRow& RowOf(Trouble trouble) {
+  return Troubles()[static_cast<size_t>(trouble)];
+}
+
+}  // namespace lumso_host
+
+#endif  // LUMSO_BLUETOOTH_HOST_TROUBLES_H_

@@ -1,0 +1,228 @@
+// The doctor's table against the document that shows it, its copies against
+// their originals, and the command from outside.
+
+#include <gio/gio.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "host/doctor.h"
+#include "host/troubles.h"
+
+namespace {
+
+using lumso_host::TroubleRow;
+using lumso_host::Troubles;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using Json = nlohmann::json;
+using Lines = std::vector<std::string>;
+
+Lines SplitLines(const std::string& text) {
+  Lines lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+std::string ReadFile(const std::string& name) {
+  std::ifstream stream(LUMSO_SOURCE_DIR "/" + name);
+  EXPECT_TRUE(stream.good()) << name;
+  return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+std::string MarkdownRow(const TroubleRow& row) {
+  return std::string("| ") + row.see + " | " + row.means + " | " + row.remedy +
+         " |";
+}
+
+Lines RowsOfThePage() {
+  Lines rows;
+  for (const std::string& line :
+       SplitLines(ReadFile("docs/troubleshooting.md"))) {
+    if (line.rfind("| ", 0) == 0 && line.rfind("| You see", 0) != 0)
+      rows.push_back(line);
+  }
+  return rows;
+}
+
+TEST(DoctorTable, IsInTheOrderOfItsEnumeration) {
+  int number = 0;
+  for (const TroubleRow& row : Troubles()) {
+    EXPECT_EQ(static_cast<int>(row.trouble), number++) << row.see;
+  }
+}
+
+TEST(DoctorTable, IsWhatThePageSays) {
+  const Lines rows = RowsOfThePage();
+  for (const TroubleRow& row : Troubles()) {
+    EXPECT_EQ(std::count(rows.begin(), rows.end(), MarkdownRow(row)), 1)
+        << MarkdownRow(row);
+  }
+}
+
+// What a machine shows before an application runs. A row that is neither here
+// nor in the table waits for somebody to decide.
+TEST(DoctorTable, HasEveryRowThatAMachineShows) {
+  const Lines others = {
+      "| still false although",  // An application is running.
+      "| still true although",
+      "| it is available, but `getAddress` is another adapter's",  // Always
+                                                                   // told.
+      "| the right reason, but 30 s late",     // The doctor does not wait so.
+      "| the same, right after `disconnect`",  // It tries again by itself.
+      "| ° the same, now and then, and only once `setAuthSecret`",
+      "| ° the same after a hot restart",
+  };
+  std::set<std::string> known;
+  for (const TroubleRow& row : Troubles()) known.insert(MarkdownRow(row));
+  size_t passed_over = 0;
+  std::string section;
+  for (const std::string& line :
+       SplitLines(ReadFile("docs/troubleshooting.md"))) {
+    if (line.rfind("## ", 0) == 0) section = line;
+    if (section != "## Nothing is available" && section != "## Connecting")
+      continue;
+    if (line.rfind("| ", 0) != 0 || line.rfind("| You see", 0) == 0) continue;
+    if (known.count(line) != 0) continue;
+    ++passed_over;
+    EXPECT_TRUE(std::any_of(others.begin(), others.end(),
+                            [&line](const std::string& start) {
+                              return line.rfind(start, 0) == 0;
+                            }))
+        << line;
+  }
+  EXPECT_EQ(passed_over, others.size());
+}
+
+TEST(DoctorNames, AreThoseThatTheProberAsks) {
+  const std::string source = ReadFile("src/lumso_bluetooth_plugin.cc");
+  const size_t begin = source.find("kProbedNamePrefixes[] = {");
+  ASSERT_NE(begin, std::string::npos);
+  const std::string list =
+      source.substr(begin, source.find('}', begin) - begin);
+  Lines prefixes;
+  for (size_t open = list.find('"'); open != std::string::npos;) {
+    const size_t end = list.find('"', open + 1);
+    prefixes.push_back(list.substr(open + 1, end - open - 1));
+    open = list.find('"', end + 1);
+  }
+  EXPECT_EQ(prefixes.size(), lumso_host::kProbedNamePrefixes.size());
+  for (const std::string& prefix : prefixes) {
+    EXPECT_TRUE(lumso_host::IsProbedName(prefix)) << prefix;
+    EXPECT_TRUE(lumso_host::IsProbedName(prefix + "7")) << prefix;
+    EXPECT_FALSE(lumso_host::IsProbedName("x" + prefix)) << prefix;
+    EXPECT_FALSE(lumso_host::IsProbedName(prefix.substr(0, prefix.size() - 1)))
+        << prefix;
+  }
+}
+
+struct Outcome {
+  int status = -1;
+  std::string output;
+  std::string errors;
+};
+
+// On a machine without a system bus.
+Outcome Ask(const Lines& arguments) {
+  std::vector<const char*> argv = {LUMSO_HOST, "doctor"};
+  for (const std::string& argument : arguments) {
+    argv.push_back(argument.c_str());
+  }
+  argv.push_back(nullptr);
+  g_autoptr(GSubprocessLauncher) launcher =
+      g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
+          G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE));
+  g_subprocess_launcher_setenv(launcher, "DBUS_SYSTEM_BUS_ADDRESS",
+                               "unix:path=/nowhere", TRUE);
+  g_subprocess_launcher_unsetenv(launcher, "SNAP");
+  g_autoptr(GSubprocess) process =
+      g_subprocess_launcher_spawnv(launcher, argv.data(), nullptr);
+  Outcome outcome;
+  g_autofree gchar* output = nullptr;
+  g_autofree gchar* errors = nullptr;
+  EXPECT_TRUE(g_subprocess_communicate_utf8(process, nullptr, nullptr, &output,
+                                            &errors, nullptr));
+  outcome.output = output;
+  outcome.errors = errors;
+  if (g_subprocess_get_if_exited(process))
+    outcome.status = g_subprocess_get_exit_status(process);
+  return outcome;
+}
+
+TEST(DoctorCommand, PrintsOneJsonObjectPerStep) {
+  const Outcome outcome = Ask({"--json"});
+  Lines steps;
+  for (const std::string& line : SplitLines(outcome.output)) {
+    const Json item = Json::parse(line);
+    steps.push_back(item["step"]);
+    EXPECT_THAT((Lines{"ok", "problem", "cannot tell"}),
+                Contains(item["verdict"].get<std::string>()));
+    EXPECT_FALSE(item["saw"].empty()) << line;
+    if (item["step"] != "bus") continue;
+    EXPECT_EQ(item["verdict"], "problem");
+    EXPECT_EQ(item["means"], "no system bus, or not inside this sandbox");
+    EXPECT_THAT(item["do"].get<std::string>(),
+                HasSubstr("--system-talk-name=org.bluez"));
+    EXPECT_THAT(item["do"].get<std::string>(), Not(HasSubstr("`")));
+  }
+  EXPECT_THAT(steps, ElementsAre("this process", "kernel", "radio switch",
+                                 "bus", "daemon", "adapter", "agent", "GLib"));
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.errors, "");
+}
+
+TEST(DoctorCommand, LooksAtADeviceToo) {
+  const Outcome outcome = Ask({"nonsense", "--json"});
+  const Lines lines = SplitLines(outcome.output);
+  ASSERT_EQ(lines.size(), 10U);
+  const Json device = Json::parse(lines[8]);
+  EXPECT_EQ(device["step"], "device");
+  EXPECT_EQ(device["saw"], Json({"nonsense"}));
+  EXPECT_EQ(device["verdict"], "problem");
+  EXPECT_EQ(Json::parse(lines[9])["saw"], Json({"not tried: see device"}));
+  EXPECT_EQ(outcome.errors, "");
+}
+
+TEST(DoctorCommand, PrintsTextWithoutMarksIntoAPipe) {
+  const Outcome outcome = Ask({});
+  EXPECT_THAT(SplitLines(outcome.output),
+              Contains(StartsWith("problem      bus: Could not connect")));
+  EXPECT_THAT(outcome.output,
+              HasSubstr("\n    It means: no system bus, or not inside this "
+                        "sandbox\n    Do: start dbus; "));
+  EXPECT_THAT(SplitLines(outcome.output).back(),
+              testing::MatchesRegex("[12] problems?\\."));
+  EXPECT_THAT(outcome.output, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(outcome.output, Not(HasSubstr("✘")));
+  EXPECT_EQ(outcome.status, 1);
+}
+
+TEST(DoctorCommand, ExplainsItself) {
+  const Outcome outcome = Ask({"--help"});
+  EXPECT_THAT(outcome.output, StartsWith("Usage: lumso_host doctor"));
+  EXPECT_EQ(outcome.status, 0);
+}
+
+TEST(DoctorCommand, RefusesWrongArguments) {
+  for (const Lines& arguments :
+       {Lines{"--plugin"}, Lines{"--json", "A", "B"}, Lines{""}}) {
+    const Outcome outcome = Ask(arguments);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_THAT(outcome.errors, StartsWith("lumso_host: wrong argument: "));
+  }
+}
+
+}  // namespace

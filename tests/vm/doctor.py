@@ -1,0 +1,242 @@
+#!/usr/bin/python3
+"""Makes what goes wrong with Bluetooth, and lets lumso_host doctor find it.
+
+A healthy machine first; then each problem for real, alone, and taken back. The
+doctor must name that problem, and no other. Meant for the virtual machine (see
+run).
+"""
+
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+from gi.repository import GLib
+
+from bluez import ADAPTER, DEVICE
+from programs import Peer, show
+from story import PEER_NAME, SECRET, check, play
+from trouble import ABSENT, BLUETOOTHD, Trouble, slow_controllers
+
+CHANNEL = 1
+POLICY = pathlib.Path("/etc/dbus-1/system.d/doctor.conf")
+DENIAL = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig><policy context="mandatory"><deny send_destination="org.bluez"/></policy></busconfig>
+"""
+BUS = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+LIMIT = 45  # seconds, whatever hangs
+
+
+class Doctor(Trouble):
+    def examine(self, text, *arguments, before=(), **options):
+        """Runs the doctor; returns its findings by step."""
+        began = time.monotonic()
+        command = [*before, self.options.host, "doctor", *arguments, "--json"]
+        run = subprocess.run(
+            command, stdout=subprocess.PIPE, timeout=LIMIT, encoding="utf-8", **options
+        )
+        for line in run.stdout.splitlines():
+            show(f"  < {line}")
+        self.figure(text, time.monotonic() - began, LIMIT)
+        findings = {item["step"]: item for item in map(json.loads, run.stdout.splitlines())}
+        problems = any(item["verdict"] == "problem" for item in findings.values())
+        check(run.returncode == int(problems), f"the exit status is {run.returncode}")
+        return findings
+
+    def finds(self, text, step, means, *arguments, **options):
+        """The doctor names one problem, in that step and with those words."""
+        with self.step(text):
+            findings = self.examine(text, *arguments, **options)
+            problems = [item for item in findings.values() if item["verdict"] == "problem"]
+            named = [item["step"] for item in problems]
+            check(named == [step], f"problems were found in {named}, not in {step}")
+            check(means in problems[0]["means"], f"it means {problems[0]['means']!r}")
+            return findings
+
+    def healthy(self, text, *arguments, **options):
+        with self.step(text):
+            before = self.bluez.adapters()
+            findings = self.examine(text, *arguments, **options)
+            now = self.bluez.adapters()
+            check(now == before, f"the doctor changed {before} to {now}")
+            # A version of GLib tells nothing about a distribution's fixes.
+            doubtful = [
+                step
+                for step, item in findings.items()
+                if item["verdict"] != "ok" and step != "GLib"
+            ]
+            check(not doubtful, f"not ok: {doubtful}")
+            check(findings["GLib"]["verdict"] != "problem", "GLib is called a problem")
+            return findings
+
+    def listen(self):
+        script = pathlib.Path(__file__).with_name("peer.py")
+        self.peer = Peer(str(script), self.device, SECRET, -57)
+
+    def start(self):
+        with self.step("The stack is up; the other adapter plays the device"):
+            adapters = self.bluez.ready_adapters(2)
+            (self.own_adapter, own), (self.peer_adapter, other) = adapters.items()
+            self.own_address, self.device = own["Address"], other["Address"]
+            self.bluez.set_adapter(self.peer_adapter, Alias=PEER_NAME)
+            self.listen()
+
+    def well(self):
+        with self.step("A device that nobody has seen yet: no problem"):
+            findings = self.examine("a device not seen yet", self.device)
+            check(findings["device"]["verdict"] == "cannot tell", "it is known")
+            check(findings["stream"]["verdict"] == "ok", "no stream")
+        with self.step("The two are bonded"):
+            self.find_device()
+            self.bluez.call("org.bluez", self.entry(), DEVICE, "Pair")
+            self.wait_until(self.idle, 10, "end of the link")
+        findings = self.healthy("A healthy machine and its device", self.device)
+        check("paired" in findings["device"]["saw"], "the device is not paired")
+        taken = f"an application takes {self.own_adapter.rsplit('/', 1)[1]}, the first"
+        check(any(taken in text for text in findings["adapter"]["saw"]), "another adapter")
+        self.healthy("The same to a user without rights", user="nobody", group="nogroup")
+        # Its agent, while there is no other, lets devices pair.
+        self.bluez.set_adapter(self.own_adapter, Pairable=False)
+        self.healthy("The same where devices may not pair")
+        self.bluez.set_adapter(self.own_adapter, Pairable=True)
+
+    def entry(self):
+        return f"{self.own_adapter}/dev_{self.device.replace(':', '_')}"
+
+    def find_device(self):
+        """Forgets what connecting has made of the device, and finds it anew."""
+        self.forget()
+        adapter = ("org.bluez", self.own_adapter, ADAPTER)
+        self.bluez.call(*adapter, "StartDiscovery")
+        self.wait_until(lambda: self.entry() in self.bluez.objects(), 30, "device")
+        self.bluez.call(*adapter, "StopDiscovery")
+
+    @contextlib.contextmanager
+    def channel_open(self):
+        with socket.socket(
+            socket.AF_BLUETOOTH, socket.SOCK_STREAM, socket.BTPROTO_RFCOMM
+        ) as holder:
+            holder.connect((self.device, CHANNEL))
+            yield
+
+    def forget(self):
+        self.bluez.forget(self.own_adapter, self.device)
+        self.bluez.forget(self.peer_adapter, self.own_address)
+
+    def device_troubles(self):
+        with self.channel_open():
+            self.finds("The channel is taken", "stream", "open already", self.device)
+        self.wait_until(self.idle, 10, "end of the link")
+        self.bluez.forget(self.own_adapter, self.device)
+        self.finds("This side forgot the bond", "stream", "refused to auth", self.device)
+        self.bluez.forget(self.peer_adapter, self.own_address)
+        self.peer.end()
+        self.finds("Nobody listens", "stream", "nothing listens", self.device)
+        self.finds("Nobody has the address", "stream", "out of range", ABSENT)
+        self.finds("No address", "device", "six hexadecimal pairs", "01:23")
+
+    def idle(self):
+        """Whether no link is left between the two adapters."""
+        return not list(pathlib.Path("/sys/class/bluetooth").glob("hci*:*"))
+
+    def adapter_troubles(self):
+        self.bluez.set_adapter(self.own_adapter, Powered=False)
+        self.finds("The adapter is off", "adapter", "the adapter is off", self.device)
+        self.bluez.set_adapter(self.own_adapter, Powered=True)
+        switches = [
+            folder / "soft"
+            for folder in pathlib.Path("/sys/class/rfkill").iterdir()
+            if (folder / "type").read_text().strip() == "bluetooth"
+        ]
+        check(len(switches) == 2, f"the switches are {switches}")
+        for switch in switches:
+            switch.write_text("1")
+        self.finds("The radio is blocked", "radio switch", "blocked", self.device)
+        for switch in switches:
+            switch.write_text("0")
+        # The daemon is busy while it switches the adapters on by itself.
+        self.wait_until(self.switched_on, 10, "adapters that are on")
+
+    def switched_on(self):
+        try:
+            return self.bluez.ready_adapters(2)
+        except GLib.Error:
+            return False
+
+    def place_troubles(self):
+        self.finds(
+            "Another network namespace", "this process", "network namespace", self.device,
+            before=("unshare", "--net"),
+        )
+        self.finds(
+            "The same namespace to a user without rights", "this process", "network namespace",
+            before=("unshare", "--net", "setpriv", "--reuid=nobody", "--clear-groups"),
+        )
+        self.finds(
+            "No system bus", "bus", "no system bus", self.device,
+            env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nowhere"},
+        )
+        POLICY.write_text(DENIAL)
+        self.bluez.call(*BUS, "ReloadConfig")
+        self.finds("The bus forbids the daemon", "bus", "policy forbids", self.device)
+        POLICY.unlink()
+        self.bluez.call(*BUS, "ReloadConfig")
+        (bus,) = self.bluez.call(
+            *BUS, "GetConnectionUnixProcessID", GLib.Variant("(s)", ("org.freedesktop.DBus",))
+        )
+        with self.held(bus):
+            self.finds("The bus hangs", "bus", "does not answer", self.device)
+
+    @contextlib.contextmanager
+    def held(self, process):
+        os.kill(process, signal.SIGSTOP)
+        try:
+            yield
+        finally:
+            os.kill(process, signal.SIGCONT)
+
+    def daemon_troubles(self):
+        daemon = int(os.environ["BLUETOOTHD_PID"])
+        with self.held(daemon):
+            self.finds("The daemon hangs", "daemon", "hangs", self.device)
+        os.kill(daemon, signal.SIGKILL)
+        self.wait_until(lambda: not self.bluez.adapters(), 10, "end of the daemon")
+        self.finds("No daemon", "daemon", "no BlueZ daemon", self.device)
+        # Whoever asks for a socket would have it loaded again.
+        pathlib.Path("/etc/modprobe.d/doctor.conf").write_text("install rfcomm /bin/false\n")
+        subprocess.run(["rmmod", "rfcomm"], check=True)
+        with open("/run/lumso-vm/bluetoothd-again.log", "wb") as log:
+            self.daemon = subprocess.Popen([BLUETOOTHD, "-n"], stdout=log, stderr=log)
+        self.bluez.ready_adapters(2)
+        self.finds("No RFCOMM in the kernel", "kernel", "module is missing", self.device)
+        pathlib.Path("/etc/modprobe.d/doctor.conf").unlink()
+        self.healthy("All is well again")
+        os.kill(int(os.environ["BTVIRT_PID"]), signal.SIGKILL)
+        self.wait_until(lambda: not self.bluez.adapters(), 10, "end of the controllers")
+        self.finds("No adapter", "adapter", "has no adapter", self.device)
+
+    def run(self):
+        slow_controllers()
+        self.start()
+        self.well()
+        self.device_troubles()
+        self.adapter_troubles()
+        self.place_troubles()
+        self.daemon_troubles()
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[0])
+    parser.add_argument("--host", required=True, help="the program lumso_host")
+    return parser.parse_args()
+
+
+if __name__ == "__main__":
+    sys.exit(play(Doctor(parse_arguments())))
