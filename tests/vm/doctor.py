@@ -22,7 +22,8 @@ from gi.repository import GLib
 from bluez import ADAPTER, DEVICE
 from programs import Peer, show
 from story import PEER_NAME, SECRET, check, play
-from trouble import ABSENT, BLUETOOTHD, Trouble, slow_controllers
+from emulated import slow_controllers
+from trouble import ABSENT, Trouble
 
 CHANNEL = 1
 POLICY = pathlib.Path("/etc/dbus-1/system.d/doctor.conf")
@@ -206,14 +207,12 @@ class Doctor(Trouble):
         daemon = int(os.environ["BLUETOOTHD_PID"])
         with self.held(daemon):
             self.finds("The daemon hangs", "daemon", "hangs", self.device)
-        os.kill(daemon, signal.SIGKILL)
-        self.wait_until(lambda: not self.bluez.adapters(), 10, "end of the daemon")
+        self.kill_daemon()
         self.finds("No daemon", "daemon", "no BlueZ daemon", self.device)
         # Whoever asks for a socket would have it loaded again.
         pathlib.Path("/etc/modprobe.d/doctor.conf").write_text("install rfcomm /bin/false\n")
         subprocess.run(["rmmod", "rfcomm"], check=True)
-        with open("/run/lumso-vm/bluetoothd-again.log", "wb") as log:
-            self.daemon = subprocess.Popen([BLUETOOTHD, "-n"], stdout=log, stderr=log)
+        self.start_daemon()
         self.bluez.ready_adapters(2)
         self.finds("No RFCOMM in the kernel", "kernel", "module is missing", self.device)
         pathlib.Path("/etc/modprobe.d/doctor.conf").unlink()

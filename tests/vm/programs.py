@@ -5,7 +5,11 @@ Every line of every program goes to standard output with a sign in front:
 standard error, "~ " what the peer or another helper says.
 """
 
+import collections
+import contextlib
 import json
+import os
+import pathlib
 import re
 import subprocess
 import sys
@@ -38,9 +42,10 @@ class Failure(Exception):
 class Program:
     """Keeps every line that a child writes and lets others wait for one."""
 
-    def __init__(self, command, sign):
+    def __init__(self, command, sign, **environment):
         self.sign = sign
         self.lines = []
+        self.times = []  # when each line came
         self.errors = []
         self.ended = False
         self.changed = threading.Condition()
@@ -51,6 +56,7 @@ class Program:
             stderr=subprocess.PIPE,
             encoding="utf-8",
             errors="replace",
+            env={**os.environ, **environment},
         )
         self.readers = [
             threading.Thread(target=self._read, args=source, daemon=True)
@@ -68,6 +74,8 @@ class Program:
             if line and (lines is self.errors or self.shows(line)):
                 show(f"  {sign} {line}")
             with self.changed:
+                if lines is self.lines:
+                    self.times.append(time.monotonic())
                 lines.append(self.parse(line) if lines is self.lines else line)
                 self.changed.notify_all()
         if lines is self.lines:
@@ -120,6 +128,19 @@ class Program:
         if self.process.poll() is None:
             self.process.kill()
 
+    def resources(self):
+        """How many descriptors of each kind it has, and the names of its threads."""
+        folder = pathlib.Path(f"/proc/{self.process.pid}")
+        kinds = collections.Counter()
+        threads = []
+        for item in folder.glob("fd/*"):
+            with contextlib.suppress(OSError):  # closed meanwhile
+                kinds[os.readlink(item).split(":[")[0]] += 1
+        for item in folder.glob("task/*/comm"):
+            with contextlib.suppress(OSError):  # ended meanwhile
+                threads.append(item.read_text().strip())
+        return dict(kinds), sorted(threads)
+
 
 class JsonProgram(Program):
     def parse(self, line):
@@ -132,14 +153,18 @@ class JsonProgram(Program):
 class Host(JsonProgram):
     """lumso_host: the plug-in and its channels as lines.
 
-    An answer is any line that does not come from a channel. What a step waits
-    for on a channel counts from `mark`, which each request moves on unless the
-    step holds it.
+    An answer is any line that does not come from a channel, nor from GLib's log.
+    What a step waits for on a channel counts from `mark`, which each request
+    moves on unless the step holds it.
     """
 
-    def __init__(self, path):
-        super().__init__([path], "<")
+    def __init__(self, path, shows_bytes=True, **environment):
+        self.shows_bytes = shows_bytes
+        super().__init__([path], "<", **environment)
         self.mark = 0
+
+    def shows(self, line):
+        return self.shows_bytes or '"event":{"uint8":' not in line
 
     def ask(self, line, key, seconds):
         with self.changed:
@@ -153,11 +178,20 @@ class Host(JsonProgram):
 
     def answer(self, since, seconds, what):
         """Waits for the next answer, of whatever kind."""
-        return self.wait(
-            lambda: next((item for item in self.lines[since:] if "channel" not in item), None),
-            seconds,
-            what,
-        )
+        return self.answers(since, 1, seconds, what)[0][0]
+
+    def answers(self, since, count, seconds, what):
+        """Waits for the next answers, and returns each with the time it came."""
+
+        def find():
+            found = [
+                (item, moment)
+                for item, moment in zip(self.lines[since:], self.times[since:])
+                if "channel" not in item and "unreadable" not in item
+            ]
+            return found[:count] if len(found) >= count else None
+
+        return self.wait(find, seconds, what)
 
     def call(self, method, arguments=None, seconds=30):
         words = ["call", method]
@@ -186,11 +220,12 @@ class Host(JsonProgram):
 
         return self.wait(find, seconds, what)["event"]
 
+    def ends_of_stream(self, channel, since):
+        return sum("endOfStream" in item for item in self.on_channel(channel, since))
+
     def end_of_stream(self, channel, seconds, since):
         self.wait(
-            lambda: any("endOfStream" in item for item in self.on_channel(channel, since)),
-            seconds,
-            f"end of stream on {channel}",
+            lambda: self.ends_of_stream(channel, since), seconds, f"end of stream on {channel}"
         )
 
     def received(self, channel, since):
@@ -208,7 +243,10 @@ class Peer(JsonProgram):
     def __init__(self, script, address, secret, rssi):
         command = [sys.executable, script, address, f"--secret={secret}", f"--rssi={rssi}"]
         super().__init__(command, "~")
-        self.saw(lambda item: item.get("peer") == "listening", "peer that listens", 0)
+        self.listens(0)
+
+    def listens(self, since):
+        self.saw(lambda item: item.get("peer") == "listening", "peer that listens", since)
 
     def saw(self, matches, what, since, seconds=10):
         return self.wait(
@@ -217,10 +255,13 @@ class Peer(JsonProgram):
             what,
         )
 
-    def mode(self, name):
+    def obey(self, line):
         since = len(self.lines)
-        self.tell(f"mode {name}")
-        self.saw(lambda item: item == {"peer": "mode", "mode": name}, "change of mode", since)
+        self.tell(line)
+        self.saw(lambda item: item.get("peer") == "done", f"answer to '{line}'", since)
+
+    def mode(self, mode):
+        self.obey(f"mode {mode}")
 
     def accepted(self):
         return sum(1 for item in self.lines if item.get("peer") == "accepted")

@@ -9,7 +9,8 @@ import subprocess
 import sys
 
 from bluez import Bluez
-from trouble import ABSENT, slow_controllers
+from emulated import slow_controllers
+from trouble import ABSENT
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[0])

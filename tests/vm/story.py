@@ -86,7 +86,7 @@ class Story:
         with self.step("The stack is up, lumso_host starts"):
             adapters = self.bluez.adapters() if self.here else self.bluez.ready_adapters(2)
             check(adapters, "the Bluetooth daemon shows no adapter")
-            self.host = Host(self.options.host)
+            self.start_host()
         with self.step("An adapter is available"):
             self.expect("isAvailable", True)
         with self.step("Its address and name are the daemon's"):
@@ -109,11 +109,17 @@ class Story:
             self.device = other["Address"]
             self.start_peer()
 
+    def start_host(self):
+        self.host = Host(self.options.host)
+
     def start_peer(self):
         with self.step("The other adapter plays the device"):
             self.bluez.set_adapter(self.peer_adapter, Alias=PEER_NAME)
-            script = pathlib.Path(__file__).with_name("peer.py")
-            self.peer = Peer(str(script), self.device, SECRET, READING)
+            self.launch_peer()
+
+    def launch_peer(self):
+        script = pathlib.Path(__file__).with_name("peer.py")
+        self.peer = Peer(str(script), self.device, SECRET, READING)
 
     def is_device(self, event):
         return event.get("device", {}).get("address") == self.device
@@ -162,7 +168,7 @@ class Story:
     def reading(self):
         with self.step("With the secret set, the device's own reading arrives"):
             if self.peer:
-                self.peer.mode("sideband")
+                self.peer.mode("reply close")
                 self.rounds = Rounds(self.bluez.name_of_process(self.host.process.pid))
             secret = SECRET if self.peer else self.options.secret
             check(

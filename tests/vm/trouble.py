@@ -8,84 +8,27 @@ measured. Meant for the virtual machine (see run).
 """
 
 import argparse
-import contextlib
 import hashlib
 import os
-import pathlib
-import signal
 import socket
-import subprocess
 import sys
 import time
 
 from gi.repository import GLib
 
 from bluez import ADAPTER, DEVICE
+from emulated import Emulated, slow_controllers
 from peer import SINK_SIZE
 from programs import BusCalls, show
-from story import SECRET, STATE, Story, check, play, same
+from story import SECRET, STATE, check, play
 
 ABSENT = "00:AA:01:7F:00:7F"
-LOG = "lumso_bluetooth: "
 SERVICE = "8b3f2c1e-5d0a-4f57-9c55-6f3d0e1b7a42"
 SERVICE_CHANNEL = 9
-TRY_PAUSE = 0.02  # seconds between two tries to connect
-# The kernel's lists of L2CAP channels and of RFCOMM sockets.
-L2CAP_CHANNELS = pathlib.Path("/sys/kernel/debug/bluetooth/l2cap")
-RFCOMM_SOCKETS = pathlib.Path("/sys/kernel/debug/bluetooth/rfcomm")
-RFCOMM_PSM = "3"
-BLUETOOTHD = "/usr/libexec/bluetooth/bluetoothd"
 
 
-def slow_controllers():
-    """Lets the emulator run only when nothing else wants to.
-
-    It answers in less time than any radio, often before connect() has begun
-    to wait: of a failure the kernel then learns only 30 s later.
-    """
-    emulator = int(os.environ["BTVIRT_PID"])
-    os.sched_setscheduler(emulator, os.SCHED_IDLE, os.sched_param(0))
-
-
-class Trouble(Story):
-    def __init__(self, options):
-        options.here = None
-        super().__init__(options)
-        self.figures = []
-        self.opened = 0
-        self.own_adapter = None
-        self.daemon = None
-        self.stopped = False
-
-    # Measuring.
-
-    @contextlib.contextmanager
-    def measured(self, text, limit):
-        """Notes how long the block took, which must be `limit` seconds at most."""
-        began = time.monotonic()
-        yield
-        self.figure(text, time.monotonic() - began, limit)
-
-    def figure(self, text, seconds, limit):
-        shown = f"{seconds * 1000:.0f} ms" if seconds < 1 else f"{seconds:.1f} s"
-        show(f"  = {text}: {shown}")
-        check(seconds <= limit, f"{text} took {shown}, not at most {limit} s")
-        self.figures.append((text, shown))
-
+class Trouble(Emulated):
     # What several steps do.
-
-    def log_line(self, since, *texts):
-        """Waits for one of the plug-in's lines on standard error."""
-        self.host.wait(
-            lambda: any(LOG + text in self.host.errors[since:] for text in texts),
-            5,
-            f"line '{LOG}{texts[0]}'",
-        )
-
-    def is_waiting(self):
-        """Whether the host sleeps in the kernel's wait for a connection."""
-        place = pathlib.Path(f"/proc/{self.host.process.pid}/wchan").read_text()
-        return place == "bt_sock_wait_state"
 
     def answered_late(self, address, text, reason):
         """A connect that fails as soon as the controllers answer.
@@ -97,7 +40,9 @@ class Trouble(Story):
         lines = len(self.host.lines)
         self.vanish()
         self.host.tell(f'call connect {{"address": "{address}"}}')
-        self.wait_until(self.is_waiting, 1, "wait for the connection")
+        self.wait_until(
+            lambda: self.is_asleep_in("bt_sock_wait_state"), 1, "wait for the connection"
+        )
         self.come_back()
         with self.measured(text, 2):
             answer = self.host.answer(lines, 5, "answer to connect")
@@ -116,65 +61,6 @@ class Trouble(Story):
             error = self.host.ask(line, "error", limit + 5)
         self.check_failed(error, address, since, *reasons)
 
-    def open(self):
-        connection = self.connect(self.opened + 1)
-        self.opened = connection
-        return connection
-
-    def shut(self, connection):
-        self.expect("disconnect", True, {"id": connection})
-
-    def reopen(self, seconds):
-        """Connects as soon as that works; returns the id and the failed tries."""
-        line = f'call connect {{"address": "{self.device}"}}'
-        deadline = time.monotonic() + seconds
-        tries = 0
-        while True:
-            before = len(self.host.lines)
-            self.host.tell(line)
-            answer = self.host.answer(before, 60, "answer to connect")
-            if "result" in answer:
-                break
-            tries += 1
-            check(time.monotonic() < deadline, f"no connection within {seconds} s")
-            time.sleep(TRY_PAUSE)
-        self.opened += 1
-        connection = answer["result"]
-        check(same(connection, self.opened), f"the id is {connection!r}")
-        self.host.listen(f"lumso_bluetooth/read/{connection}")
-        return connection, tries
-
-    def end_of(self, connection, since, seconds):
-        self.host.end_of_stream(f"lumso_bluetooth/read/{connection}", seconds, since)
-
-    def has_session(self):
-        """Whether the kernel still has RFCOMM running between the two adapters."""
-        for line in L2CAP_CHANNELS.read_text().lower().splitlines():
-            _source, _, destination, _, _state, psm, *_ = line.split()
-            if destination == self.device.lower() and psm == RFCOMM_PSM:
-                return True
-        return False
-
-    def has_socket(self):
-        """Whether a socket is connected, or connects, to the device."""
-        lines = RFCOMM_SOCKETS.read_text().lower().splitlines()
-        return any(line.split()[1] == self.device.lower() for line in lines)
-
-    def knows_device(self):
-        return any(
-            item["address"] == self.device for item in self.host.call("getDiscoveredDevices")
-        )
-
-    def vanish(self):
-        show("  ~ the controllers are stopped")
-        os.kill(int(os.environ["BTVIRT_PID"]), signal.SIGSTOP)
-        self.stopped = True
-
-    def come_back(self):
-        show("  ~ the controllers go on")
-        os.kill(int(os.environ["BTVIRT_PID"]), signal.SIGCONT)
-        self.stopped = False
-
     # The parts, in the order of run().
 
     def start_peer(self):
@@ -183,11 +69,6 @@ class Trouble(Story):
         with self.step("Nobody has the address: host is down"):
             self.answered_late(ABSENT, "connect, absent address", "Host is down")
         super().start_peer()
-        self.own_adapter = next(
-            path
-            for path, item in self.bluez.adapters().items()
-            if item["Address"] == self.own_address
-        )
 
     def reconnect(self):
         with self.step("A connect right after a disconnect"):
@@ -300,8 +181,7 @@ class Trouble(Story):
             connection, _ = self.reopen(40)
             check(self.knows_device(), "the device is not in the list")
             errors = len(self.host.errors)
-            os.kill(int(os.environ["BLUETOOTHD_PID"]), signal.SIGKILL)
-            self.wait_until(lambda: not self.bluez.adapters(), 10, "end of the daemon")
+            self.kill_daemon()
             self.echo(connection, b"without a daemon")
         with self.step("Without a daemon every answer is the neutral one, and quick"):
             with self.measured("getDiscoveredDevices without a daemon", 2):
@@ -310,9 +190,8 @@ class Trouble(Story):
             self.expect("bondDevice", False, {"address": self.device})
             self.log_line(errors, f"pair: device not known yet ({self.device})")
         with self.step("The daemon is started again: it is asked and answers"):
-            log = open("/run/lumso-vm/bluetoothd-again.log", "wb")
-            with log, self.measured("start of the daemon until the device is listed", 30):
-                self.daemon = subprocess.Popen([BLUETOOTHD, "-n"], stdout=log, stderr=log)
+            with self.measured("start of the daemon until the device is listed", 30):
+                self.start_daemon()
                 self.wait_until(self.knows_device, 30, f"{self.device} in the list")
             self.bluez.ready_adapters(2)
             self.expect("getBondState", 12, {"address": self.device})
@@ -346,12 +225,6 @@ class Trouble(Story):
             connection, _ = self.reopen(40)
             self.echo(connection, b"on again")
             self.shut(connection)
-
-    def wait_until(self, condition, seconds, what):
-        deadline = time.monotonic() + seconds
-        while not condition():
-            check(time.monotonic() < deadline, f"no {what} within {seconds} s")
-            time.sleep(0.1)
 
     def recover(self, text):
         self.come_back()
@@ -399,11 +272,11 @@ class Trouble(Story):
         with self.step("A vanished device is probed: dispose waits for the end of the probe"):
             check(self.knows_device(), "the device is not in the list")
             self.wait_until(lambda: not self.has_session(), 10, "end of the last session")
-            self.wait_until(lambda: not self.has_socket(), 10, "end of the last socket")
+            self.wait_until(lambda: self.socket_state() is None, 10, "end of the last socket")
             self.vanish()
             began = time.monotonic()
             self.host.call("setAuthSecret", {"secret": SECRET})
-            self.wait_until(self.has_socket, 5, "socket of the prober")
+            self.wait_until(self.socket_state, 5, "socket of the prober")
             with self.measured("dispose while a vanished device is probed", 7):
                 check(self.host.ask("dispose", "dispose", 10) is True, "dispose was not answered")
             self.host.wait(self.probe_lines, 5, "line of the prober")
@@ -429,8 +302,6 @@ class Trouble(Story):
         self.dispose_while_probing()
 
     def close(self):
-        if self.stopped:
-            self.come_back()
         super().close()
         if self.figures:
             show("\nMeasured:")

@@ -1,0 +1,89 @@
+#!/usr/bin/python3
+"""Drives lumso_host in a storm of signals, on a real stack.
+
+A handler that runs while the kernel connects ends the call, and not the attempt:
+every connect is interrupted and must succeed all the same. The library's own
+threads take no signals, and the host's thread takes those that it took. Meant
+for the virtual machine (see run).
+"""
+
+import argparse
+import pathlib
+import signal
+import sys
+
+from emulated import Emulated, slow_controllers
+from programs import Host
+from story import SECRET, check, play, same
+
+CONNECTS = 20
+ASLEEP_IN_POLL = "do_sys_poll"
+# What a thread has blocked that blocks everything: the kernel leaves two signals
+# out, and the C library two that are its own.
+UNBLOCKABLE = (signal.SIGKILL, signal.SIGSTOP, 32, 33)
+ALL_BLOCKED = (1 << 64) - 1 - sum(1 << number - 1 for number in UNBLOCKABLE)
+
+
+class Signals(Emulated):
+    def start_host(self):
+        self.host = Host(self.options.host, LD_PRELOAD=self.options.storm)
+
+    def blocked(self):
+        """The signals that each thread of the host has blocked, by its name."""
+        masks = {}
+        for task in pathlib.Path(f"/proc/{self.host.process.pid}/task").iterdir():
+            status = task.joinpath("status").read_text()
+            fields = dict(line.split(":\t", 1) for line in status.splitlines())
+            masks[fields["Name"]] = int(fields["SigBlk"], 16)
+        return masks
+
+    def connect_interrupted(self):
+        """The device accepts only when the call was interrupted and the library
+        waits for the outcome."""
+        self.drop_link()
+        since = len(self.host.lines)
+        told = len(self.peer.lines)
+        self.peer.mode("deferring")
+        self.host.tell(f'call connect {{"address": "{self.device}"}}')
+        self.peer.saw(lambda item: item.get("peer") == "accepted", "connect", told)
+        self.wait_until(lambda: self.is_asleep_in(ASLEEP_IN_POLL), 5, "wait for the outcome")
+        self.peer.obey("become echo")
+        answer = self.host.answer(since, 5, "answer to connect")
+        self.opened += 1
+        check(same(answer.get("result"), self.opened), f"connect was answered with {answer}")
+        self.host.listen(f"lumso_bluetooth/read/{self.opened}")
+        self.echo(self.opened, b"in the storm")
+        return self.opened
+
+    def run(self):
+        slow_controllers()
+        self.start_bonded()
+        before = self.blocked()
+        with self.step(f"{CONNECTS} connects, all interrupted, succeed"):
+            for _ in range(CONNECTS - 1):
+                self.shut(self.connect_interrupted())
+            connection = self.connect_interrupted()
+        with self.step("The threads of the library take no signals, the others as before"):
+            self.host.call("setAuthSecret", {"secret": SECRET})
+            self.wait_until(lambda: "lumso-prober" in self.blocked(), 5, "prober")
+            own = {"lumso-reader": ALL_BLOCKED, "lumso-prober": ALL_BLOCKED}
+            blocked = self.blocked()
+            check(blocked == {**before, **own}, f"blocked: {blocked}, before: {before}")
+            check(before["lumso_host"] == 0, f"the host blocks signals: {before}")
+            self.shut(connection)
+        with self.step("The plug-in is disposed"):
+            check(self.host.ask("dispose", "dispose", 30) is True, "dispose was not answered")
+            status = self.host.end()
+            check(status == 0, f"lumso_host ended with status {status}")
+            check(not self.host.errors, f"standard error says {self.host.errors}")
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[0])
+    parser.add_argument("--host", required=True, help="the program lumso_host")
+    parser.add_argument("--storm", required=True, help="the library that makes the signals")
+    return parser.parse_args()
+
+
+if __name__ == "__main__":
+    sys.exit(play(Signals(parse_arguments())))
