@@ -287,8 +287,6 @@ TEST_F(Bonding, TakesAPercentSignLiterally) {
 
 TEST_F(Bonding, OfABondedDeviceIsUpToTheDaemon) {
   daemon->AddDevice(kDevicePath, kPairedDevice);
-  daemon->FailCall(kDevicePath, kDeviceInterface, "Pair", "",
-                   "org.bluez.Error.AlreadyExists", "Already Exists");
   EXPECT_EQ(Bond(kDeviceAddress), "false");
   EXPECT_EQ(TakeStandardError(),
             "lumso_bluetooth: Pair() failed: "
@@ -313,8 +311,6 @@ TEST_F(BondRemoval, RemovesTheDeviceFromTheAdapter) {
 
 TEST_F(BondRemoval, EndsTheBond) {
   daemon->AddDevice(kDevicePath, kPairedDevice);
-  daemon->OnCall(kAdapterPath, kAdapterInterface, "RemoveDevice", "o", "",
-                 "objects['/'].RemoveObject(args[0])");
   EXPECT_EQ(host->Call("getBondState", Address(kDeviceAddress)), "12");
   EXPECT_EQ(Remove(kDeviceAddress), "true");
   EXPECT_EQ(host->Call("getBondState", Address(kDeviceAddress)), "10");
@@ -329,20 +325,32 @@ TEST_F(BondRemoval, OfAnUnknownDeviceIsDone) {
   EXPECT_EQ(Remove(""), "true");
 }
 
+// Which has none of them to remove.
 TEST_F(BondRemoval, AsksTheChosenAdapterForDevicesOfOthersToo) {
   daemon->AddAdapter("/org/bluez/hci1", "{'Powered': <true>}");
   daemon->AddDevice(kOtherDevicePath, kPairedDevice);
-  EXPECT_EQ(Remove(kDeviceAddress), "true");
+  EXPECT_EQ(Remove(kDeviceAddress), "false");
   EXPECT_THAT(daemon->TakeCalls(),
               ElementsAre(GetCall(kDevicePath, "Address"), kListCall,
                           RemoveCall(kOtherDevicePath)));
 }
 
-TEST_F(BondRemoval, FailsWithoutAWord) {
+TEST_F(BondRemoval, WhileTheAdapterIsOffFailsWithoutAWord) {
   daemon->AddDevice(kDevicePath, kPairedDevice);
-  daemon->FailCall(kAdapterPath, kAdapterInterface, "RemoveDevice", "o",
-                   "org.bluez.Error.DoesNotExist", "Does Not Exist");
+  daemon->ChangeProperties(kAdapterPath, kAdapterInterface,
+                           "{'Powered': <false>}");
   EXPECT_EQ(Remove(kDeviceAddress), "false");
+  EXPECT_EQ(host->Call("getBondState", Address(kDeviceAddress)), "12");
+}
+
+TEST_F(BondRemoval, OfAConnectedDeviceEndsItsConnection) {
+  daemon->AddDevice(kDevicePath, "{'Connected': <true>, 'Paired': <true>}");
+  host->Listen(kDiscovery);
+  EXPECT_EQ(Remove(kDeviceAddress), "true");
+  EXPECT_EQ(host->Call("getDiscoveredDevices"), "[]");
+  // It is told of, but there is nothing left to read.
+  Settle();
+  EXPECT_THAT(host->Events(kDiscovery), IsEmpty());
 }
 
 }  // namespace

@@ -263,7 +263,12 @@ class FailedCall : public BusTest,
     if (Site().has_adapter) {
       daemon->AddAdapter(kAdapterPath,
                          "{'Powered': <true>, 'Discovering': <false>}");
+      for (const char* method : {"StartDiscovery", "StopDiscovery"}) {
+        Forget(kAdapterPath, kAdapterInterface, method, "");
+      }
+      Forget(kAdapterPath, kAdapterInterface, "RemoveDevice", "o");
     }
+    Forget(kManagerPath, kAgentManagerInterface, "RegisterAgent", "os");
     // Its address is not the one that its path says: only the path leads to it.
     daemon->AddDevice(kDevicePath,
                       "{'Address': <'11:11:11:11:11:11'>, 'Alias': <'pen'>, "
@@ -271,6 +276,14 @@ class FailedCall : public BusTest,
     daemon->AddDevice(kHiddenPath,
                       "{'Address': <'AA:BB:CC:DD:EE:01'>, 'Alias': "
                       "<'VELKAN-1'>, 'Paired': <true>}");
+    Forget(kDevicePath, kDeviceInterface, "Pair", "");
+  }
+
+  // Lets a method succeed and change nothing: every row finds the daemon as the
+  // first one did.
+  void Forget(const char* path, const char* interface, const char* method,
+              const char* in_type) {
+    daemon->OnCall(path, interface, method, in_type, "", "");
   }
 
   void RegisterHost() {

@@ -18,38 +18,44 @@ constexpr char kListCall[] =
 
 class Discovery : public ReadyTest {
  protected:
-  // Lets the daemon tell that discovery runs or has stopped, as it does after
-  // anybody's StartDiscovery.
-  void SetDiscovering(bool on) {
-    const std::string properties =
-        std::string("{'Powered': <true>, 'Discovering': <") +
-        (on ? "true" : "false") + ">}";
-    daemon->SetProperties(kAdapterPath, kAdapterInterface, properties);
-    daemon->EmitPropertiesChanged(kAdapterPath, kAdapterInterface, properties);
+  // Returns when the plug-in knows that discovery runs or has ended, and
+  // forgets the calls up to then.
+  void WaitForDiscovering(bool on) {
     ASSERT_TRUE(WaitUntil([&] {
       return host->Call("isDiscovering") == (on ? "true" : "false");
     }));
     daemon->TakeCalls();
   }
 
-  void FailStart() {
-    daemon->FailCall(kAdapterPath, kAdapterInterface, "StartDiscovery", "",
-                     "org.bluez.Error.NotReady", "Resource Not Ready");
+  // What other programs ask of the daemon.
+  void AskAsSomebodyElse(const char* interface, const char* method,
+                         GVariant* arguments = nullptr) {
+    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+        bus->connection(), "org.bluez", kAdapterPath, interface, method,
+        arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+    ASSERT_NE(reply, nullptr) << method;
   }
-
-  void FailStop() {
-    daemon->FailCall(kAdapterPath, kAdapterInterface, "StopDiscovery", "",
-                     "org.bluez.Error.Failed", "No discovery started");
+  void StartAsSomebodyElse() {
+    AskAsSomebodyElse(kAdapterInterface, "StartDiscovery");
+    WaitForDiscovering(true);
+  }
+  void SwitchPower(bool on) {
+    AskAsSomebodyElse(kPropertiesInterface, "Set",
+                      g_variant_new("(ssv)", kAdapterInterface, "Powered",
+                                    g_variant_new_boolean(on)));
+    ASSERT_TRUE(WaitUntil(
+        [&] { return host->Call("isOn") == (on ? "true" : "false"); }));
+    daemon->TakeCalls();
   }
 };
 
 class DeviceLists : public ReadyTest {};
 
-// The map of a device of which only address and bond state are known.
-std::string DeviceMap(const std::string& address, bool bonded) {
-  return "{\"address\": \"" + address +
-         "\", \"name\": \"\", \"type\": 0, \"isConnected\": 0, "
-         "\"bondState\": " +
+// The map of a device that is not connected and of no signal strength.
+std::string DeviceMap(const std::string& address, bool bonded,
+                      const std::string& name = "") {
+  return "{\"address\": \"" + address + "\", \"name\": \"" + name +
+         "\", \"type\": 0, \"isConnected\": 0, \"bondState\": " +
          (bonded ? "12" : "10") + ", \"rssi\": 0}";
 }
 
@@ -61,23 +67,33 @@ TEST_F(Discovery, IsStartedOnTheAdapter) {
 TEST_F(Discovery, CountsAsRunningOnlyWhenTheDaemonSaysSo) {
   EXPECT_EQ(host->Call("startDiscovery"), "true");
   EXPECT_EQ(host->Call("isDiscovering"), "false");
-  SetDiscovering(true);
+  WaitForDiscovering(true);
   EXPECT_EQ(host->Call("isDiscovering"), "true");
   EXPECT_EQ(host->Call("cancelDiscovery"), "true");
   EXPECT_EQ(host->Call("isDiscovering"), "true");
-  SetDiscovering(false);
+  WaitForDiscovering(false);
   EXPECT_EQ(host->Call("isDiscovering"), "false");
 }
 
 TEST_F(Discovery, OfSomebodyElseIsLeftAlone) {
-  SetDiscovering(true);
+  StartAsSomebodyElse();
   EXPECT_EQ(host->Call("startDiscovery"), "true");
   EXPECT_EQ(host->Call("cancelDiscovery"), "true");
   EXPECT_THAT(daemon->TakeCalls(), IsEmpty());
 }
 
+TEST_F(Discovery, OfSomebodyElseGoesOnAfterOurs) {
+  EXPECT_EQ(host->Call("startDiscovery"), "true");
+  StartAsSomebodyElse();
+  EXPECT_EQ(host->Call("cancelDiscovery"), "true");
+  Settle();
+  EXPECT_EQ(host->Call("isDiscovering"), "true");
+  AskAsSomebodyElse(kAdapterInterface, "StopDiscovery");
+  WaitForDiscovering(false);
+}
+
 TEST_F(Discovery, ThatCannotStartIsReported) {
-  FailStart();
+  SwitchPower(false);
   EXPECT_EQ(host->Call("startDiscovery"), "false");
   EXPECT_EQ(TakeStandardError(),
             "lumso_bluetooth: StartDiscovery failed: "
@@ -95,7 +111,7 @@ TEST_F(Discovery, ThatWasNeverStartedNeedsNoStop) {
 
 TEST_F(Discovery, OfOursIsNotStartedAgainWhileItRuns) {
   host->Call("startDiscovery");
-  SetDiscovering(true);
+  WaitForDiscovering(true);
   EXPECT_EQ(host->Call("startDiscovery"), "true");
   EXPECT_THAT(daemon->TakeCalls(), IsEmpty());
   EXPECT_EQ(host->Call("cancelDiscovery"), "true");
@@ -104,22 +120,25 @@ TEST_F(Discovery, OfOursIsNotStartedAgainWhileItRuns) {
 
 TEST_F(Discovery, OfOursIsStartedAgainWhenTheDaemonHasEndedIt) {
   host->Call("startDiscovery");
-  SetDiscovering(true);
-  SetDiscovering(false);
+  WaitForDiscovering(true);
+  SwitchPower(false);
+  EXPECT_EQ(host->Call("isDiscovering"), "false");
+  SwitchPower(true);
   EXPECT_EQ(host->Call("startDiscovery"), "true");
   EXPECT_THAT(daemon->TakeCalls(), ElementsAre(kStartCall));
 }
 
+// The daemon answers before it says that it discovers.
 TEST_F(Discovery, OfOursStaysOursWhenASecondStartFails) {
   host->Call("startDiscovery");
-  FailStart();
   EXPECT_EQ(host->Call("startDiscovery"), "false");
   EXPECT_EQ(TakeStandardError(),
             "lumso_bluetooth: StartDiscovery failed: "
-            "GDBus.Error:org.bluez.Error.NotReady: Resource Not Ready\n");
-  daemon->TakeCalls();
+            "GDBus.Error:org.bluez.Error.InProgress: Operation already in "
+            "progress\n");
   EXPECT_EQ(host->Call("cancelDiscovery"), "true");
-  EXPECT_THAT(daemon->TakeCalls(), ElementsAre(kStopCall));
+  EXPECT_THAT(daemon->TakeCalls(),
+              ElementsAre(kStartCall, kStartCall, kStopCall));
 }
 
 TEST_F(Discovery, IsStoppedOnce) {
@@ -131,7 +150,8 @@ TEST_F(Discovery, IsStoppedOnce) {
 
 TEST_F(Discovery, ThatCannotStopIsTriedAgainWithoutAWord) {
   host->Call("startDiscovery");
-  FailStop();
+  daemon->FailCall(kAdapterPath, kAdapterInterface, "StopDiscovery", "",
+                   "org.bluez.Error.Failed", "Busy");
   EXPECT_EQ(host->Call("cancelDiscovery"), "false");
   EXPECT_EQ(host->Call("cancelDiscovery"), "false");
   daemon->OnCall(kAdapterPath, kAdapterInterface, "StopDiscovery", "", "", "");
@@ -141,11 +161,20 @@ TEST_F(Discovery, ThatCannotStopIsTriedAgainWithoutAWord) {
               ElementsAre(kStartCall, kStopCall, kStopCall, kStopCall));
 }
 
+TEST_F(Discovery, ThatTheDaemonHasEndedCannotBeStopped) {
+  host->Call("startDiscovery");
+  SwitchPower(false);
+  EXPECT_EQ(host->Call("cancelDiscovery"), "false");
+  SwitchPower(true);
+  EXPECT_EQ(host->Call("cancelDiscovery"), "false");
+  EXPECT_THAT(daemon->TakeCalls(), ElementsAre(kStopCall));
+}
+
 TEST_F(Discovery, OfOursStaysOursWhenSomebodyElseIsFoundDiscovering) {
   host->Call("startDiscovery");
-  FailStop();
-  host->Call("cancelDiscovery");
-  SetDiscovering(true);
+  SwitchPower(false);
+  SwitchPower(true);
+  StartAsSomebodyElse();
   EXPECT_EQ(host->Call("startDiscovery"), "true");
   EXPECT_THAT(daemon->TakeCalls(), IsEmpty());
   EXPECT_EQ(host->Call("cancelDiscovery"), "false");
@@ -174,6 +203,7 @@ TEST_F(DeviceLists, AreEmptyWithoutDevices) {
 }
 
 TEST_F(DeviceLists, HoldTheDevicesOfAllAdaptersInTheDaemonsOrder) {
+  daemon->AddAdapter("/org/bluez/hci1", "{}");
   daemon->AddDevice("/org/bluez/hci0/dev_3",
                     "{'Address': <'03'>, 'Paired': <true>}");
   daemon->AddDevice("/org/bluez/hci1/dev_2", "{'Address': <'02'>}");
@@ -181,13 +211,34 @@ TEST_F(DeviceLists, HoldTheDevicesOfAllAdaptersInTheDaemonsOrder) {
                     "{'Address': <'01'>, 'Paired': <false>}");
   daemon->AddDevice("/org/bluez/hci1/dev_3",
                     "{'Address': <'03'>, 'Paired': <true>}");
-  daemon->AddObject("/org/bluez/hci0/dev_1/player0", "org.bluez.MediaPlayer1",
+  daemon->AddObject("/org/bluez/hci0/dev_3/player0", "org.bluez.MediaPlayer1",
                     "{'Name': <'p'>}");
   EXPECT_EQ(host->Call("getDiscoveredDevices"),
-            "[" + DeviceMap("03", true) + ", " + DeviceMap("02", false) + ", " +
-                DeviceMap("01", false) + ", " + DeviceMap("03", true) + "]");
+            "[" + DeviceMap("03", true, "03") + ", " +
+                DeviceMap("01", false, "01") + ", " +
+                DeviceMap("02", false, "02") + ", " +
+                DeviceMap("03", true, "03") + "]");
   EXPECT_EQ(host->Call("getBondedDevices"),
-            "[" + DeviceMap("03", true) + ", " + DeviceMap("03", true) + "]");
+            "[" + DeviceMap("03", true, "03") + ", " +
+                DeviceMap("03", true, "03") + "]");
+}
+
+TEST_F(DeviceLists, HoldTheAddressWithDashesAsTheNameOfANamelessDevice) {
+  daemon->AddDevice(kDevicePath, "{}");
+  EXPECT_EQ(host->Call("getDiscoveredDevices"),
+            "[" + DeviceMap(kDeviceAddress, false, "AA-BB-CC-DD-EE-FF") + "]");
+}
+
+TEST_F(DeviceLists, HoldTheNewestDeviceFirst) {
+  for (const char* number : {"1", "2", "3"}) {
+    const std::string path = std::string("/org/bluez/hci0/dev_") + number;
+    daemon->AddDevice(path, "{}");
+    daemon->Announce(path);
+  }
+  EXPECT_EQ(host->Call("getDiscoveredDevices"),
+            "[" + DeviceMap("3", false, "3") + ", " +
+                DeviceMap("2", false, "2") + ", " + DeviceMap("1", false, "1") +
+                "]");
 }
 
 TEST_F(DeviceLists, HoldEveryFieldOfADevice) {
@@ -228,7 +279,7 @@ TEST_F(DeviceLists, HoldDevicesThatHaveOtherInterfacesToo) {
 TEST_F(DeviceLists, AskTheDaemonEachTime) {
   daemon->AddDevice("/org/bluez/hci0/dev_1", "{'Address': <'01'>}");
   EXPECT_EQ(host->Call("getDiscoveredDevices"),
-            "[" + DeviceMap("01", false) + "]");
+            "[" + DeviceMap("01", false, "01") + "]");
   daemon->RemoveObject("/org/bluez/hci0/dev_1");
   EXPECT_EQ(host->Call("getDiscoveredDevices"), "[]");
 }

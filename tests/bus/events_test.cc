@@ -48,10 +48,10 @@ class EventStreams : public ReadyTest {
   }
 
   void SetPower(bool on) {
-    const std::string properties =
-        on ? "{'Powered': <true>}" : "{'Powered': <false>}";
-    daemon->SetProperties(kAdapterPath, kAdapterInterface, properties);
-    daemon->EmitPropertiesChanged(kAdapterPath, kAdapterInterface, properties);
+    daemon->ChangeProperties(kAdapterPath, kAdapterInterface,
+                             on ? "{'Powered': <true>}"
+                                : "{'Powered': <false>, 'Discovering': "
+                                  "<false>}");
   }
 };
 
@@ -189,6 +189,28 @@ TEST_F(DiscoveryStream, SendsADeviceThatAppears) {
   EXPECT_THAT(daemon->TakeCalls(), IsEmpty());
 }
 
+TEST_F(DiscoveryStream, SendsWhatADiscoveryFindsAndLosesSightOf) {
+  daemon->AddNearbyDevice(
+      kDevicePath,
+      "{'Name': <'VELKAN-1'>, 'RSSI': <int16 -60>, 'TxPower': <int16 0>}");
+  const auto event = [](const char* rssi) {
+    return std::string(
+               "{\"device\": {\"address\": \"AA:BB:CC:DD:EE:FF\", \"name\": "
+               "\"VELKAN-1\", \"type\": 0, \"isConnected\": 0, \"bondState\": "
+               "10, \"rssi\": ") +
+           rssi + "}}";
+  };
+  host->Listen(kDiscovery);
+  EXPECT_EQ(host->Call("startDiscovery"), "true");
+  ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 1; }));
+  EXPECT_EQ(host->Call("cancelDiscovery"), "true");
+  ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 2; }));
+  EXPECT_EQ(host->Call("startDiscovery"), "true");
+  ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 3; }));
+  EXPECT_THAT(host->Events(kDiscovery),
+              ElementsAre(event("-60"), event("0"), event("-60")));
+}
+
 TEST_F(DiscoveryStream, SendsNeutralValuesForAbsentProperties) {
   host->Listen(kDiscovery);
   EmitDeviceAdded("{}");
@@ -306,11 +328,24 @@ TEST_F(DiscoveryStream, SendsTheWholeDeviceWhenOnePropertyChanges) {
 TEST_F(DiscoveryStream, SendsTheDeviceWhenAPropertyIsInvalidated) {
   daemon->AddDevice("/org/bluez/hci1/dev_1", kFullDevice);
   host->Listen(kDiscovery);
-  daemon->Emit("/org/bluez/hci1/dev_1", kPropertiesInterface,
-               "PropertiesChanged", "(sa{sv}as)",
-               "('org.bluez.Device1', {}, ['RSSI'])");
+  daemon->ChangeProperties("/org/bluez/hci1/dev_1", kDeviceInterface, "{}",
+                           "['RSSI']");
   ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 1; }));
-  EXPECT_THAT(host->Events(kDiscovery), ElementsAre(kFullDeviceEvent));
+  std::string event = kFullDeviceEvent;
+  event.replace(event.find("-70"), 3, "0");
+  EXPECT_THAT(host->Events(kDiscovery), ElementsAre(event));
+}
+
+TEST_F(DiscoveryStream, SendsAPairingAsItGoes) {
+  daemon->AddDevice(kDevicePath, "{'Name': <'pen'>}");
+  host->Listen(kDiscovery);
+  EXPECT_EQ(host->Call("bondDevice", Address(kDeviceAddress)), "true");
+  ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 2; }));
+  // Read when both were over.
+  const char event[] =
+      "{\"device\": {\"address\": \"AA:BB:CC:DD:EE:FF\", \"name\": \"pen\", "
+      "\"type\": 0, \"isConnected\": 1, \"bondState\": 12, \"rssi\": 0}}";
+  EXPECT_THAT(host->Events(kDiscovery), ElementsAre(event, event));
 }
 
 TEST_F(DiscoveryStream, DropsAChangeOfADeviceThatCannotBeRead) {
@@ -340,10 +375,7 @@ TEST_F(DiscoveryStream, IgnoresChangesOfOtherInterfacesOfADevice) {
 TEST_F(DiscoveryStream, SendsNothingWhenADeviceGoes) {
   daemon->AddDevice(kDevicePath, kFullDevice);
   host->Listen(kDiscovery);
-  daemon->RemoveObject(kDevicePath);
-  daemon->Emit("/", kObjectManagerInterface, "InterfacesRemoved", "(oas)",
-               "('/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF', "
-               "['org.bluez.Device1'])");
+  daemon->Withdraw(kDevicePath);
   Settle();
   EXPECT_THAT(host->records(), ::testing::SizeIs(1));
   EXPECT_THAT(daemon->TakeCalls(), IsEmpty());

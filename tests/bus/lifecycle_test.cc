@@ -352,21 +352,33 @@ TEST_F(Registration, OutlivesABusThatEndsInTheMiddle) {
 TEST_F(Registration, TakesTheFirstAdapterInTheDaemonsOrder) {
   StartBus();
   StartDaemon();
-  daemon->AddDevice("/org/bluez/hci1/dev_1", "{'Address': <'x'>}");
   daemon->AddAdapter("/org/bluez/hci1",
                      "{'Name': <'second'>, 'Address': <'66:11:22:33:44:55'>, "
-                     "'Powered': <false>}");
+                     "'Powered': <true>}");
+  daemon->AddDevice("/org/bluez/hci1/dev_1", "{'Address': <'x'>}");
   daemon->AddAdapter(kAdapterPath,
                      "{'Address': <'00:11:22:33:44:55'>, 'Name': <'first'>, "
-                     "'Powered': <true>}");
+                     "'Powered': <false>}");
   Register();
   EXPECT_EQ(host->Call("getName"), "\"second\"");
   EXPECT_EQ(host->Call("getAddress"), "\"66:11:22:33:44:55\"");
-  EXPECT_EQ(host->Call("getState"), "10");
+  EXPECT_EQ(host->Call("getState"), "12");
   daemon->TakeCalls();
-  host->Call("startDiscovery");
+  EXPECT_EQ(host->Call("startDiscovery"), "true");
   EXPECT_THAT(daemon->TakeCalls(),
               ElementsAre("org.bluez.Adapter1.StartDiscovery /org/bluez/hci1"));
+}
+
+// So hci1 comes before hci0 when both are there from the start.
+TEST_F(Registration, TakesTheNewestOfTheAdapters) {
+  StartBus();
+  StartDaemon();
+  for (const char* path : {"/org/bluez/hci0", "/org/bluez/hci1"}) {
+    daemon->AddAdapter(path, std::string("{'Name': <'") + path + "'>}");
+    daemon->Announce(path);
+  }
+  Register();
+  EXPECT_EQ(host->Call("getName"), "\"/org/bluez/hci1\"");
 }
 
 TEST_F(Registration, FindsAnAdapterAmongOtherInterfaces) {
@@ -602,6 +614,20 @@ TEST_F(LostDaemon, InTheMiddleOfACallFailsTheCall) {
             "disconnected from message bus without replying\n");
 }
 
+// It tells that the adapter is off, and is gone before anybody can ask.
+TEST_F(LostDaemon, ThatIsToldToEndLeavesTheLastState) {
+  RegisterReady();
+  daemon->AddDevice(kDevicePath, "{'Address': <'AA:BB:CC:DD:EE:FF'>}");
+  host->Listen(kState);
+  host->Listen(kDiscovery);
+  daemon->Stop();
+  EXPECT_TRUE(WaitUntil([&] { return host->Events(kState).size() == 2; }));
+  EXPECT_THAT(host->Events(kState), ElementsAre("12", "12"));
+  EXPECT_THAT(host->Events(kDiscovery), IsEmpty());
+  EXPECT_EQ(host->Call("getState"), "12");
+  EXPECT_EQ(host->Call("getDiscoveredDevices"), "[]");
+}
+
 TEST_F(LostDaemon, CanBeDisposedOf) {
   RegisterReady();
   daemon->Kill();
@@ -614,14 +640,15 @@ TEST_F(LostDaemon, IsServedAgainAfterARestartButTheAgentStaysUnknown) {
   host->Listen(kDiscovery);
   daemon->Kill();
   StartDaemon();
-  daemon->AddAdapter(kAdapterPath, "{'Powered': <false>}");
+  daemon->AddAdapter(kAdapterPath, "{'Powered': <true>}");
   daemon->AddDevice(kDevicePath,
                     "{'Address': <'AA:BB:CC:DD:EE:FF'>, 'Paired': <true>}");
   Settle();
   EXPECT_THAT(daemon->TakeCalls(), IsEmpty());
   EXPECT_EQ(host->Call("getBondState", Address(kDeviceAddress)), "12");
   EXPECT_EQ(host->Call("startDiscovery"), "true");
-  daemon->EmitPropertiesChanged(kAdapterPath, kAdapterInterface, "{}");
+  daemon->ChangeProperties(kAdapterPath, kAdapterInterface,
+                           "{'Powered': <false>}");
   EXPECT_TRUE(WaitUntil([&] { return host->Call("getState") == "10"; }));
   daemon->EmitPropertiesChanged(kDevicePath, kDeviceInterface, "{}");
   EXPECT_TRUE(WaitUntil([&] { return !host->Events(kDiscovery).empty(); }));

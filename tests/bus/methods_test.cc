@@ -139,11 +139,11 @@ class MethodsWithoutAdapter : public BusTest {
 
 class AdapterProperties : public BusTest {
  protected:
-  // Registers with an adapter that has the properties given.
+  // Registers with an adapter that has the properties given and no other.
   void RegisterWith(const std::string& properties) {
     StartBus();
     StartDaemon();
-    daemon->AddAdapter(kAdapterPath, properties);
+    daemon->AddObject(kAdapterPath, kAdapterInterface, properties);
     Register();
   }
 };
@@ -192,8 +192,11 @@ TEST_F(Methods, IgnoreExtraKeys) {
   };
   EXPECT_EQ(host->Call("getBondState", with_extras()), "12");
   EXPECT_EQ(host->Call("getDeviceBondState", with_extras()), "12");
-  EXPECT_EQ(host->Call("bondDevice", with_extras()), "true");
   EXPECT_EQ(host->Call("removeDeviceBond", with_extras()), "true");
+  EXPECT_EQ(host->Call("getBondState", with_extras()), "10");
+  daemon->AddDevice(kDevicePath, "{}");
+  EXPECT_EQ(host->Call("bondDevice", with_extras()), "true");
+  EXPECT_EQ(host->Call("getBondState", with_extras()), "12");
 }
 
 TEST_F(Methods, TakeTheLastOfTwoEqualKeys) {
@@ -299,9 +302,7 @@ TEST_F(MethodsWithoutAdapter, StillTellPlatformAndUnknownNames) {
 
 TEST_F(MethodsWithoutAdapter, DoNotFindOneThatComesLater) {
   daemon->AddAdapter(kAdapterPath, "{'Powered': <true>}");
-  daemon->Emit("/", kObjectManagerInterface, "InterfacesAdded", "(oa{sa{sv}})",
-               "('/org/bluez/hci0', {'org.bluez.Adapter1': {'Powered': "
-               "<true>}})");
+  daemon->Announce(kAdapterPath);
   Settle();
   ExpectAnswers(host.get(), NeutralAnswers());
 }
@@ -392,9 +393,7 @@ TEST_F(AdapterProperties, FollowPowerAndDiscoveryButNotNameAndAddress) {
 
 TEST_F(AdapterProperties, OfAnAdapterThatGoesStay) {
   RegisterWith("{'Name': <'desk'>, 'Powered': <true>}");
-  daemon->RemoveObject(kAdapterPath);
-  daemon->Emit("/", kObjectManagerInterface, "InterfacesRemoved", "(oas)",
-               "('/org/bluez/hci0', ['org.bluez.Adapter1'])");
+  daemon->Withdraw(kAdapterPath);
   Settle();
   EXPECT_EQ(host->Call("isAvailable"), "true");
   EXPECT_EQ(host->Call("getName"), "\"desk\"");

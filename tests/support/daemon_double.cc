@@ -17,6 +17,15 @@ GVariant* Parse(const std::string& type, const std::string& text) {
   return value;
 }
 
+// Makes `values` an av of the tuple's members.
+void AddBoxed(GVariant* tuple, GVariantBuilder* values) {
+  g_variant_builder_init(values, G_VARIANT_TYPE("av"));
+  for (gsize i = 0; i < g_variant_n_children(tuple); i++) {
+    g_autoptr(GVariant) value = g_variant_get_child_value(tuple, i);
+    g_variant_builder_add(values, "v", value);
+  }
+}
+
 }  // namespace
 
 DaemonDouble::DaemonDouble(PrivateBus* bus)
@@ -46,16 +55,35 @@ void DaemonDouble::AddObject(const std::string& path,
 
 void DaemonDouble::AddAdapter(const std::string& path,
                               const std::string& properties) {
-  AddObject(path, kAdapterInterface, properties);
-  OnCall(path, kAdapterInterface, "StartDiscovery", "", "", "");
-  OnCall(path, kAdapterInterface, "StopDiscovery", "", "", "");
-  OnCall(path, kAdapterInterface, "RemoveDevice", "o", "", "");
+  Add("AddAdapter", path, properties);
 }
 
 void DaemonDouble::AddDevice(const std::string& path,
                              const std::string& properties) {
-  AddObject(path, kDeviceInterface, properties);
-  OnCall(path, kDeviceInterface, "Pair", "", "", "");
+  Add("AddDevice", path, properties);
+}
+
+void DaemonDouble::AddNearbyDevice(const std::string& path,
+                                   const std::string& properties) {
+  Add("AddNearbyDevice", path, properties);
+}
+
+void DaemonDouble::Add(const char* method, const std::string& path,
+                       const std::string& properties) {
+  g_autoptr(GVariant) values = Parse("a{sv}", properties);
+  g_variant_unref(
+      Script("/", method, g_variant_new("(s@a{sv})", path.c_str(), values)));
+}
+
+void DaemonDouble::ChangeProperties(const std::string& path,
+                                    const std::string& interface,
+                                    const std::string& changed,
+                                    const std::string& cleared) {
+  g_autoptr(GVariant) values = Parse("a{sv}", changed);
+  g_autoptr(GVariant) names = Parse("as", cleared);
+  g_variant_unref(Script("/", "ChangeProperties",
+                         g_variant_new("(os@a{sv}@as)", path.c_str(),
+                                       interface.c_str(), values, names)));
 }
 
 void DaemonDouble::SetProperties(const std::string& path,
@@ -72,16 +100,20 @@ void DaemonDouble::RemoveObject(const std::string& path) {
       Script("/", "RemoveObject", g_variant_new("(s)", path.c_str())));
 }
 
+void DaemonDouble::Announce(const std::string& path) {
+  g_variant_unref(Script("/", "Announce", g_variant_new("(s)", path.c_str())));
+}
+
+void DaemonDouble::Withdraw(const std::string& path) {
+  g_variant_unref(Script("/", "Withdraw", g_variant_new("(s)", path.c_str())));
+}
+
 void DaemonDouble::Emit(const std::string& path, const std::string& interface,
                         const std::string& signal, const std::string& type,
                         const std::string& body) {
   g_autoptr(GVariant) tuple = Parse(type, body);
   GVariantBuilder arguments;
-  g_variant_builder_init(&arguments, G_VARIANT_TYPE("av"));
-  for (gsize i = 0; i < g_variant_n_children(tuple); i++) {
-    g_autoptr(GVariant) argument = g_variant_get_child_value(tuple, i);
-    g_variant_builder_add(&arguments, "v", argument);
-  }
+  AddBoxed(tuple, &arguments);
   const std::string signature = type.substr(1, type.size() - 2);
   g_autoptr(GVariant) details =
       g_variant_ref_sink(g_variant_new_parsed("{'path': <%s>}", path.c_str()));
@@ -141,8 +173,47 @@ std::vector<std::string> DaemonDouble::TakeCalls() {
   return texts;
 }
 
+std::string DaemonDouble::AskAgent(const std::string& method,
+                                   const std::string& type,
+                                   const std::string& arguments) {
+  g_autoptr(GVariant) tuple = Parse(type, arguments);
+  GVariantBuilder values;
+  AddBoxed(tuple, &values);
+  const std::string signature = type.substr(1, type.size() - 2);
+  GVariant* question =
+      g_variant_new("(ssav)", method.c_str(), signature.c_str(), &values);
+  std::string answer;
+  const auto finish = +[](GObject* bus, GAsyncResult* result, gpointer data) {
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GVariant) reply =
+        g_dbus_connection_call_finish(G_DBUS_CONNECTION(bus), result, &error);
+    if (reply == nullptr) g_error("AskAgent: %s", error->message);
+    const gchar* text = nullptr;
+    g_variant_get(reply, "(&s)", &text);
+    *static_cast<std::string*>(data) = text;
+  };
+  g_dbus_connection_call(bus_->connection(), kBusName, "/", kScriptInterface,
+                         "AskAgent", question, G_VARIANT_TYPE("(s)"),
+                         G_DBUS_CALL_FLAGS_NONE, kScriptTimeoutMs, nullptr,
+                         finish, &answer);
+  if (!WaitUntil([&] { return !answer.empty(); },
+                 2 * kScriptTimeoutMs / 1000)) {
+    g_error("the agent did not answer %s", method.c_str());
+  }
+  return answer;
+}
+
 void DaemonDouble::Kill() {
   process_.Kill();
+  WaitForEnd();
+}
+
+void DaemonDouble::Stop() {
+  process_.Terminate();
+  WaitForEnd();
+}
+
+void DaemonDouble::WaitForEnd() {
   if (!WaitUntil([this] { return !bus_->NameHasOwner(kBusName); })) {
     g_error("the bus still knows the daemon");
   }

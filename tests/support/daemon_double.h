@@ -22,31 +22,51 @@ inline constexpr char kPropertiesInterface[] =
     "org.freedesktop.DBus.Properties";
 
 // The daemon as the application's machine has it: it owns org.bluez, has the
-// agent manager on "/org/bluez" and whatever adapters and devices are added.
-// GetManagedObjects gives the objects in the order of their making.
+// agent manager on "/org/bluez" and whatever adapters and devices are added. It
+// answers and tells as the real one does, which tests/contract holds it to,
+// where nothing else is scripted.
 //
 // `properties` is GVariant text of the type a{sv}, such as
-// "{'Address': <'AA:BB:CC:DD:EE:FF'>, 'RSSI': <int16 -70>}"; types and order
-// arrive as written. A scripting call that fails ends the program.
+// "{'Address': <'AA:BB:CC:DD:EE:FF'>, 'RSSI': <int16 -70>}". A scripting call
+// that fails ends the program.
 class DaemonDouble {
  public:
   explicit DaemonDouble(PrivateBus* bus);
 
-  // Makes an object with one interface. An adapter has StartDiscovery,
-  // StopDiscovery and RemoveDevice, a device has Pair; they succeed and change
-  // nothing until scripted otherwise. No signal is sent.
+  // Makes an object of one interface with exactly these properties, in this
+  // order. No signal is sent: it has always been there, and is listed behind
+  // its parent and the siblings that were made before.
   void AddObject(const std::string& path, const std::string& interface,
                  const std::string& properties);
+
+  // The same for an adapter or a device with the properties that each has, in
+  // the daemon's order, and with these.
   void AddAdapter(const std::string& path, const std::string& properties);
   void AddDevice(const std::string& path, const std::string& properties);
+
+  // Lets every discovery of its adapter find a device, with these properties.
+  void AddNearbyDevice(const std::string& path, const std::string& properties);
 
   // Gives an object one more interface or replaces all properties of one that
   // it has. No signal is sent.
   void SetProperties(const std::string& path, const std::string& interface,
                      const std::string& properties);
 
+  // Changes some properties, takes those away that `cleared` (text of type as)
+  // names, and tells so with PropertiesChanged.
+  void ChangeProperties(const std::string& path, const std::string& interface,
+                        const std::string& changed,
+                        const std::string& cleared = "[]");
+
   // Takes an object away. No signal is sent.
   void RemoveObject(const std::string& path);
+
+  // Tells with InterfacesAdded that an object was added. From then on it is
+  // listed before its siblings, as the newest one.
+  void Announce(const std::string& path);
+
+  // Takes an object away and tells so with InterfacesRemoved.
+  void Withdraw(const std::string& path);
 
   // Sends a signal from `path`; `body` is GVariant text of the tuple type
   // `type`, such as "(oas)".
@@ -85,11 +105,21 @@ class DaemonDouble {
   // parts only when there are arguments.
   std::vector<std::string> TakeCalls();
 
-  // Ends the daemon without a word, as a crash does, and returns when the bus
-  // knows it.
+  // Asks the default agent something and returns its answer as text, which is
+  // "()" when it has no value, or the error as "name: message".
+  std::string AskAgent(const std::string& method, const std::string& type,
+                       const std::string& arguments);
+
+  // Ends the daemon without a word, as a crash does, or tells it to end, which
+  // it does with its signals; returns when the bus knows it.
   void Kill();
+  void Stop();
 
  private:
+  void Add(const char* method, const std::string& path,
+           const std::string& properties);
+  void WaitForEnd();
+
   // Calls a method of the scripting interface on `path`; takes `args`.
   GVariant* Script(const std::string& path, const char* method, GVariant* args);
 

@@ -111,6 +111,8 @@ void ChildProcess::Kill() {
   pid_ = 0;
 }
 
+void ChildProcess::Terminate() { kill(pid_, SIGTERM); }
+
 PrivateBus::PrivateBus() {
   g_autofree gchar* folder = g_dir_make_tmp("lumso-bus-XXXXXX", nullptr);
   if (folder == nullptr) g_error("no temporary folder");

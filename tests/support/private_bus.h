@@ -36,6 +36,9 @@ class ChildProcess {
   // Ends the child with SIGKILL and reaps it. Does nothing the second time.
   void Kill();
 
+  // Asks the child to end, with SIGTERM.
+  void Terminate();
+
  private:
   GPid pid_ = 0;
   int output_ = -1;
