@@ -371,7 +371,8 @@ TEST_F(DoctorDaemon, TellsItsVersion) {
 }
 
 TEST_F(DoctorDaemon, MayKeepItsVersion) {
-  StartDaemonWith({kAdapterOff});
+  StartDaemonWith({});
+  daemon->AddObject(kAdapterPath, kAdapterInterface, kAdapterOff);
   EXPECT_THAT(Daemon(), AllOf(IsOk(), Saw("version not told")));
 }
 
@@ -562,7 +563,8 @@ TEST_F(DoctorAdapter, IsMissed) {
 }
 
 TEST_F(DoctorAdapter, SaysWhatItDoes) {
-  StartDaemonWith({"{'Powered': <true>, 'Discovering': <true>}"});
+  StartDaemonWith(
+      {"{'Powered': <true>, 'Discovering': <true>, 'Pairable': <false>}"});
   EXPECT_THAT(Adapter(), AllOf(IsOk(), Saw("on, discovering, not pairable")));
 }
 

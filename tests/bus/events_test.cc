@@ -205,6 +205,9 @@ TEST_F(DiscoveryStream, SendsWhatADiscoveryFindsAndLosesSightOf) {
   ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 1; }));
   EXPECT_EQ(host->Call("cancelDiscovery"), "true");
   ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 2; }));
+  // Until it knows of the end, it begins none.
+  ASSERT_TRUE(
+      WaitUntil([&] { return host->Call("isDiscovering") == "false"; }));
   EXPECT_EQ(host->Call("startDiscovery"), "true");
   ASSERT_TRUE(WaitUntil([&] { return host->Events(kDiscovery).size() == 3; }));
   EXPECT_THAT(host->Events(kDiscovery),

@@ -307,6 +307,9 @@ constexpr Action kActions[] = {
      CheckNothing},
     {"StartDiscovery", Ends::kNothing,
      [](InsideSend& test, const Event&) {
+       // Without the change of "Discovering", which is an event as well.
+       test.daemon->OnCall(kAdapterPath, kAdapterInterface, "StartDiscovery",
+                           "", "", "pass");
        EXPECT_EQ(test.host->Call("startDiscovery"), "true");
      },
      [](InsideSend& test, const Event&) {

@@ -29,6 +29,8 @@ OBJECT_MANAGER = mockobject.OBJECT_MANAGER_IFACE
 UNLOGGED = (MOCK_IFACE, dbus.PEER_IFACE, dbus.INTROSPECTABLE_IFACE)
 ANSWERED_LATER = {'async_callbacks': ('reply', 'fail')}
 
+LOG = open(os.devnull, 'wb')
+
 CAPABILITIES = ('', 'DisplayOnly', 'DisplayYesNo', 'KeyboardOnly',
                 'NoInputNoOutput', 'KeyboardDisplay')
 
@@ -86,23 +88,16 @@ def failure(name, text):
 
 
 class Object(mockobject.DBusMockObject):
-    """An object with the interfaces that every object of the daemon has.
-
-    A scripted method comes before one that is written here.
-    """
+    """An object of the daemon. A scripted method comes before one that is
+    written here."""
 
     def __init__(self, bus_name, path, interfaces):
-        super().__init__(bus_name, path, '', {}, os.devnull)
+        super().__init__(bus_name, path, '', {})
+        self.logfile, self.is_logfile_owner = LOG, False
         # None is the main one: AddMethod would give its methods to all objects.
         self.interface = None
         self.props = interfaces
         self.rank = 0  # the place among its siblings, the newest first
-
-    @classmethod
-    def with_interface(cls, bus_name, path, interface, values):
-        return cls(bus_name, path, {
-            dbus.INTROSPECTABLE_IFACE: {}, interface: values,
-            dbus.PROPERTIES_IFACE: {}})
 
     def _message_cb(self, connection, message):
         """Leaves calls that nobody here takes to libdbus, which refuses them."""
@@ -445,8 +440,9 @@ class Daemon(Object):
     def add(self, kind, path, interface, values):
         if path in objects:
             raise failure(MOCK_IFACE + '.NameError', f'{path} exists')
-        objects[path] = kind.with_interface(
-            self.bus_name, path, interface, values)
+        objects[path] = kind(self.bus_name, path, {
+            dbus.INTROSPECTABLE_IFACE: {}, interface: values,
+            dbus.PROPERTIES_IFACE: {}})
         self.added += 1
         objects[path].rank = self.added
 
