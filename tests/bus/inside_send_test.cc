@@ -461,9 +461,8 @@ TEST_F(ClientCallable, MayDestroyTheClient) {
 TEST_F(ClientCallable, MayDestroyTheClientBetweenTwoDevicesOfOneSignal) {
   MakeClient([this] { client.reset(); });
   daemon->Kill();
-  g_autoptr(GVariant) reply =
-      bus->CallBus("org.freedesktop.DBus", "RequestName",
-                   g_variant_new("(su)", "org.bluez", 0));
+  g_variant_unref(bus->CallBus("org.freedesktop.DBus", "RequestName",
+                               g_variant_new("(su)", "org.bluez", 0)));
   g_autoptr(GVariant) twice = g_variant_ref_sink(
       g_variant_new_parsed("(objectpath '/a', [{'org.bluez.Device1', "
                            "@a{sv} {}}, {'org.bluez.Device1', @a{sv} {}}])"));
