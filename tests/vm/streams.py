@@ -334,8 +334,8 @@ class Streams(Emulated):
         asked = None
         if not at_once:
             asked = self.enter(state, connection, since)
-            # A flood would not fit where it has to wait.
-            if end == "20 kB, then closed" and state != "receiving":
+            # Once so that all of it is still queued when the end comes.
+            if end == "20 kB, then closed" and state == "idle":
                 self.bring_unseen(end, DEVICE_ENDS[end])
             else:
                 self.bring(end)
