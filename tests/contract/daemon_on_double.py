@@ -24,6 +24,12 @@ def values(**given):
     return {name: GLib.Variant(*value) for name, value in given.items()}
 
 
+def scripting(method, kind, *arguments):
+    """The arguments of a GDBus call of the double's scripting interface."""
+    arguments = GLib.Variant(kind, arguments)
+    return "org.bluez", "/", SCRIPT, method, arguments, None, Gio.DBusCallFlags.NONE, -1, None
+
+
 class Double(daemon_contract.World):
     def __init__(self):
         self.bus = Gio.bus_get_sync(Gio.BusType.SYSTEM)
@@ -33,16 +39,12 @@ class Double(daemon_contract.World):
         self.script("AddNearbyDevice", "(sa{sv})", path, found)
         self.script("AddDevice", "(sa{sv})", "/org/bluez/hci0/dev_00_AA_01_00_00_00", {})
 
-    def script(self, method, kind, *arguments):
-        arguments = GLib.Variant(kind, arguments)
-        flags = Gio.DBusCallFlags.NONE
-        self.bus.call_sync("org.bluez", "/", SCRIPT, method, arguments, None, flags, -1, None)
+    def script(self, *call):
+        self.bus.call_sync(*scripting(*call))
 
-    def begin(self, method, kind, *arguments):
+    def begin(self, *call):
         """Scripts something that is over when our agent has answered."""
-        arguments = GLib.Variant(kind, arguments)
-        flags = Gio.DBusCallFlags.NONE
-        self.bus.call("org.bluez", "/", SCRIPT, method, arguments, None, flags, -1, None)
+        self.bus.call(*scripting(*call))
 
     @contextlib.contextmanager
     def device_connects(self, adapter):

@@ -41,7 +41,7 @@ class Bluetoothd(daemon_contract.World):
         for known in self.bluez.objects():
             if known.startswith(path + "/dev_"):
                 self.bluez.forget(path, own)
-        # The daemon names its adapters when they are switched on, not before.
+        # Lasts until the adapter is switched on anew: then the daemon names it.
         subprocess.run(["hciconfig", path.rpartition("/")[2], "name", ""], check=True)
         options = {
             "Name": GLib.Variant("s", "contract"),
