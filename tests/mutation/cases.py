@@ -56,21 +56,23 @@ class Order:
         self.killers = collections.defaultdict(dict)
         self.lock = threading.Lock()
 
-    def cases(self, mutant, tree):
+    def stages(self, mutant, tree):
+        """Returns lists of cases: one program's first, so that the others need not be
+        built for what it notices."""
         headings = PROGRAMS[mutant.file]
         programs = headings.get(mutant.heading, headings[None])
         if mutant.is_lock():  # it is the prober that others share data with
             programs = PROBER[2:] + [name for name in programs if name != PROBER[2]]
         with self.lock:
             killers = list(self.killers[mutant.file, mutant.function])[::-1]
-        known = {case.program for case in killers}
-        rest = [
-            case
-            for program in sorted(programs, key=lambda program: program not in known)
-            for case in tree.cases[program]
-            if case not in killers
+        first = killers[0].program if killers else programs[0]
+        cases = killers + [
+            case for program in programs for case in tree.cases[program] if case not in killers
         ]
-        return killers + rest
+        return [
+            [case for case in cases if case.program == first],
+            [case for case in cases if case.program != first],
+        ]
 
     def note(self, mutant, killer):
         with self.lock:

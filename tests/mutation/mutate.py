@@ -31,13 +31,15 @@ from equivalents import read_equivalent
 
 
 def try_in(tree, mutant, order):
-    if not tree.change(mutant):
-        return "invalid", ""
-    killer = tree.run(order.cases(mutant, tree))
-    if killer is None:
-        return "survived", ""
-    order.note(mutant, killer)
-    return "killed", str(killer) if tree.name == "plain" else f"{tree.name}: {killer}"
+    tree.change(mutant)
+    for cases in order.stages(mutant, tree):
+        if not tree.compiles({case.program for case in cases}):
+            return "invalid", ""
+        killer = tree.run(cases)
+        if killer is not None:
+            order.note(mutant, killer)
+            return "killed", str(killer) if tree.name == "plain" else f"{tree.name}: {killer}"
+    return "survived", ""
 
 
 class Report:
@@ -85,6 +87,8 @@ def run_phase(trees, mutants, judge):
     with concurrent.futures.ThreadPoolExecutor(len(trees)) as pool:
         list(pool.map(Tree.prepare, trees))
         trees[0].check()
+        for tree in trees[1:]:
+            tree.seconds = trees[0].seconds
         list(pool.map(work, trees))
     return kept
 
