@@ -31,7 +31,6 @@ PROGRAMS = {
         None: BUS + STREAMS + PROBER,
     },
 }
-ALL_PROGRAMS = RFCOMM + ["bluez_client_test"] + BUS + STREAMS + INSIDE + PROBER
 # What may leak or read too far, which the address sanitizer tells.
 MEMORY = re.compile(
     r"unref|ref\(|free|clear|delete|reset\(|release|unsubscribe|unregister|new\b"
@@ -49,6 +48,15 @@ def may_show(mutant, tree):
     return bool((MEMORY if tree == "asan" else THREADS).search(text))
 
 
+def programs_of(mutant):
+    """The programs that may notice it, those most likely to do so first."""
+    headings = PROGRAMS[mutant.file]
+    programs = headings.get(mutant.heading, headings[None])
+    if mutant.is_lock():  # it is the prober that others share data with
+        programs = PROBER[2:] + [name for name in programs if name not in PROBER[2:]]
+    return programs
+
+
 class Order:
     """What to run, and what first: the cases that killed in the same function."""
 
@@ -59,10 +67,7 @@ class Order:
     def stages(self, mutant, tree):
         """Returns lists of cases: one program's first, so that the others need not be
         built for what it notices."""
-        headings = PROGRAMS[mutant.file]
-        programs = headings.get(mutant.heading, headings[None])
-        if mutant.is_lock():  # it is the prober that others share data with
-            programs = PROBER[2:] + [name for name in programs if name != PROBER[2]]
+        programs = programs_of(mutant)
         with self.lock:
             killers = list(self.killers[mutant.file, mutant.function])[::-1]
         first = killers[0].program if killers else programs[0]

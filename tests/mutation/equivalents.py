@@ -10,7 +10,7 @@ EQUIVALENT = ROOT / "tests/mutation/equivalent.txt"
 
 def read_equivalent(mutants):
     """Returns the reason for each equivalent change, by its place among all."""
-    reasons = {}
+    reasons, misfits = {}, []
     text = re.sub(r"^#.*\n", "", EQUIVALENT.read_text(), flags=re.M)
     for block in filter(str.strip, re.split(r"\n\n+", text)):
         fields = re.findall(r"^(file|in|line|change|reason): +(.*(?:\n  .*)*)", block, re.M)
@@ -18,18 +18,19 @@ def read_equivalent(mutants):
         for name, value in fields:
             key[name] = " ".join(value.split())
             if name == "change":
-                found.append(
-                    [
-                        n
-                        for n, m in enumerate(mutants)
-                        if all(key.get(k, v) == " ".join(v.split()) for k, v in m.key())
-                    ]
-                )
-        if not found or not key.get("reason") or any(len(f) != 1 for f in found):
-            print(
-                f"{EQUIVALENT}: fits {[len(f) for f in found]} changes:\n{block.strip()}\n",
-                file=sys.stderr,
+                found.append([n for n, mutant in enumerate(mutants) if fits(mutant, key)])
+        if found and key.get("reason") and all(len(places) == 1 for places in found):
+            reasons.update({n: key["reason"] for n, in found})
+        else:
+            misfits.append(
+                f"fits {[len(places) for places in found]} changes:\n{block.strip()}\n"
             )
-            raise SystemExit(2)
-        reasons.update({n: key["reason"] for n, in found})
+    for misfit in misfits:
+        print(f"{EQUIVALENT}: {misfit}", file=sys.stderr)
+    if misfits:
+        raise SystemExit(2)
     return reasons
+
+
+def fits(mutant, key):
+    return all(key.get(name, value) == " ".join(value.split()) for name, value in mutant.key())

@@ -25,7 +25,7 @@ import sys
 import threading
 
 from builds import INTERRUPTED, TREES, Tree
-from cases import Order, may_show
+from cases import Order, may_show, programs_of
 from changes import ROOT, all_mutants
 from equivalents import read_equivalent
 
@@ -110,7 +110,9 @@ def run_all(mutants, work, jobs, report):
         if not chosen:
             continue
         print(f"-- {name}: {len(chosen)} changes", flush=True)
-        trees = [Tree(work / str(n), name) for n in range(min(jobs, 1 + len(chosen) // 10))]
+        programs = sorted({program for mutant in chosen for program in programs_of(mutant)})
+        count = min(jobs, 1 + len(chosen) // 10)
+        trees = [Tree(work / str(n), name, programs) for n in range(count)]
         kept = run_phase(trees, chosen, judge)
         left = [m for m in left if m in kept or m not in chosen]
     for mutant in left:
