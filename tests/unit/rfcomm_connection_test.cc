@@ -14,10 +14,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/fake_rfcomm.h"
@@ -126,6 +128,10 @@ std::string Pattern(size_t count) {
   return bytes;
 }
 
+// Runs once, when a thread takes its signals back: a reader has been made then,
+// and whatever else its maker does is still to come.
+std::function<void()> on_signals_restored;
+
 class RfcommConnectionTest : public testing::Test {
  protected:
   // Connects `connection_` to a device and returns the device's end.
@@ -161,6 +167,21 @@ class RfcommConnectionTest : public testing::Test {
   Received received_;
   RfcommConnection connection_;
 };
+
+}  // namespace
+
+// The sources' calls come here, the test's own too.
+extern "C" int pthread_sigmask(int how, const sigset_t* set,
+                               sigset_t* old) noexcept {
+  if (set != nullptr && old == nullptr && on_signals_restored) {
+    std::exchange(on_signals_restored, nullptr)();
+  }
+  constexpr size_t kKernelSize = 8;
+  return syscall(SYS_rt_sigprocmask, how, set, old, kKernelSize) == 0 ? 0
+                                                                      : errno;
+}
+
+namespace {
 
 using Connect = RfcommConnectionTest;
 using Start = RfcommConnectionTest;
@@ -513,6 +534,20 @@ TEST_F(Start, GivesTheReaderNoneOfTheHostsSignals) {
     EXPECT_NE(blocked & (uint64_t{1} << number), 0u) << strsignal(number);
   }
   EXPECT_EQ(before & (uint64_t{1} << SIGTERM), 0u);
+}
+
+TEST_F(Start, LetsAReaderReadThatIsQuickerThanItsMaker) {
+  const auto peer = Open();
+  ASSERT_TRUE(peer->Send("early"));
+  bool came = false;
+  on_signals_restored = [&] {
+    came = Eventually(
+        [&] { return !received_.bytes().empty() || received_.ends() > 0; });
+  };
+  connection_.Start(received_.callback());
+  EXPECT_TRUE(came);
+  EXPECT_EQ(received_.bytes(), "early");
+  EXPECT_EQ(received_.ends(), 0);
 }
 
 TEST_F(Start, TakesAnEmptyCallback) {
@@ -1023,6 +1058,25 @@ TEST_F(Close, ReturnsAtOnceWhenShutdownWakesNobody) {
   EXPECT_LT(steady_clock::now() - before, kAtOnce);
   EXPECT_EQ(received_.ends(), 1);
   EXPECT_TRUE(fake_.EachClosedOnce());
+}
+
+// Such as when the host closed its descriptor: then the socket still has bytes.
+TEST_F(Close, LetsTheReaderReadNoMoreWhenItsWakeUpFails) {
+  const auto peer = Open();
+  fake_.Script(Call::kWakeWrite, {Fail(EBADF)});
+  std::atomic<bool> reading{false};
+  std::string bytes;
+  connection_.Start([&](const uint8_t* data, size_t count, bool end) {
+    if (end) return;
+    bytes.append(reinterpret_cast<const char*>(data), count);
+    reading = true;
+    Eventually([&] { return fake_.count(Call::kShutdown) == 1; });
+  });
+  ASSERT_TRUE(peer->Send("first"));
+  ASSERT_TRUE(Eventually([&] { return reading.load(); }));
+  ASSERT_TRUE(peer->Send("second"));
+  connection_.Close();
+  EXPECT_EQ(bytes, "first");
 }
 
 // Once it is closed, the number may be another thread's at once.

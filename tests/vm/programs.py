@@ -2,7 +2,8 @@
 
 Every line of every program goes to standard output with a sign in front:
 "> " what a program is told, "< " what lumso_host says, "! " what it writes to
-standard error, "~ " what the peer or another helper says.
+standard error, "~ " what the peer or another helper says. Of bytes that come in
+many chunks the first is shown, and what the rest come to.
 """
 
 import collections
@@ -18,21 +19,51 @@ import time
 
 LONGEST_LINE = 400
 
-_print_lock = threading.Lock()
-
 
 def _shorten_bytes(match):
     digits = match.group(1)
     return f'"{digits[:48]}… {len(digits) // 2} bytes"'
 
 
-def show(text):
-    """Prints a line; long byte lists are shown by their beginning and size."""
-    text = re.sub(r'"([0-9a-f]{97,})"', _shorten_bytes, text)
-    if len(text) > LONGEST_LINE:
-        text = f"{text[:LONGEST_LINE]}… ({len(text)} characters)"
-    with _print_lock:
-        print(text, flush=True)
+class Screen:
+    """Prints lines; long byte lists are shown by their beginning and size."""
+
+    def __init__(self, out=None):
+        self.out = out or sys.stdout
+        self.lock = threading.Lock()
+        self.source = None  # of the chunks that come now, one after the other
+        self.sizes = []  # of those that were not shown
+
+    def show(self, text):
+        with self.lock:
+            self._end_chunks()
+            self._print(text)
+
+    def show_chunk(self, source, text, size):
+        """Shows a line that stands for `size` bytes, if it is the first of a run."""
+        with self.lock:
+            if source == self.source:
+                self.sizes.append(size)
+                return
+            self._end_chunks()
+            self.source = source
+            self._print(text)
+
+    def _end_chunks(self):
+        if self.sizes:
+            chunks = "chunk" if len(self.sizes) == 1 else "chunks"
+            self._print(f"    … {len(self.sizes)} more {chunks}, {sum(self.sizes):,} bytes")
+        self.source, self.sizes = None, []
+
+    def _print(self, text):
+        text = re.sub(r'"([0-9a-f]{97,})"', _shorten_bytes, text)
+        if len(text) > LONGEST_LINE:
+            text = f"{text[:LONGEST_LINE]}… ({len(text)} characters)"
+        print(text, file=self.out, flush=True)
+
+
+SCREEN = Screen()
+show = SCREEN.show
 
 
 class Failure(Exception):
@@ -71,12 +102,15 @@ class Program:
     def _read(self, stream, lines, sign):
         for line in stream:
             line = line.rstrip("\n")
-            if line and (lines is self.errors or self.shows(line)):
+            item = self.parse(line) if lines is self.lines else line
+            if line and lines is self.errors:
                 show(f"  {sign} {line}")
+            elif line and self.shows(line):
+                self.display(f"  {sign} {line}", item)
             with self.changed:
                 if lines is self.lines:
                     self.times.append(time.monotonic())
-                lines.append(self.parse(line) if lines is self.lines else line)
+                lines.append(item)
                 self.changed.notify_all()
         if lines is self.lines:
             with self.changed:
@@ -88,6 +122,9 @@ class Program:
 
     def shows(self, _line):
         return True
+
+    def display(self, text, _item):
+        show(text)
 
     def tell(self, line):
         show(f"  > {line}")
@@ -165,6 +202,13 @@ class Host(JsonProgram):
 
     def shows(self, line):
         return self.shows_bytes or '"event":{"uint8":' not in line
+
+    def display(self, text, item):
+        event = item.get("event")
+        if isinstance(event, dict) and "uint8" in event:
+            SCREEN.show_chunk(item["channel"], text, len(event["uint8"]) // 2)
+        else:
+            show(text)
 
     def ask(self, line, key, seconds):
         with self.changed:

@@ -258,7 +258,7 @@ class Story:
         return [line.split(PROBE_LINE, 1)[1] for line in self.host.errors if PROBE_LINE in line]
 
     def skip(self):
-        with self.step("While a connection is open, the prober passes the device over"):
+        with self.step("The prober passes over what is connected to (half a minute)"):
             connection = self.connect(2)
             accepted = self.peer.accepted()
             self.rounds.wait_for_next(CYCLE_PAUSE + 5)
@@ -271,7 +271,7 @@ class Story:
             self.expect("disconnect", True, {"id": connection})
 
     def lose(self):
-        with self.step("The device stops answering: it is lost after two rounds"):
+        with self.step("The device stops answering: it is lost after two rounds (a minute)"):
             self.peer.mode("silent")
             since = self.host.mark
             lost = self.host.event(
