@@ -68,7 +68,8 @@ constexpr char kAgentIntrospection[] = R"(
   </interface>
 </node>)";
 
-// Requests that the agent grants; it rejects every other.
+// Requests that the agent grants. It rejects the others that are described
+// above; a method that is not described there is answered by GDBus.
 constexpr const char* kGrantedRequests[] = {
     "RequestConfirmation",
     "AuthorizeService",
@@ -88,7 +89,7 @@ void LogFailure(const std::string& what, const GError* error) {
   Log(what + " failed: " + error->message);
 }
 
-// Messages are taken apart child by child, here and nowhere else: a format
+// Messages are taken apart child by child, always through Child(): a format
 // string would be checked anew for every entry, which costs more than all the
 // rest of a walk.
 GVariantPtr Child(GVariant* container, gsize index) {
@@ -103,6 +104,13 @@ const gchar* Text(GVariant* value) {
 // What is in the variant at `index`.
 GVariantPtr Unboxed(GVariant* container, gsize index) {
   return GVariantPtr(g_variant_get_variant(Child(container, index).get()));
+}
+
+// Calls visit(child) for each child of `container`, in order.
+template <typename Visitor>
+void ForEachChild(GVariant* container, Visitor visit) {
+  const gsize count = g_variant_n_children(container);
+  for (gsize i = 0; i < count; ++i) visit(Child(container, i).get());
 }
 
 // ReadString() and its like take an entry of an a{sv} and leave `field` alone
@@ -128,13 +136,6 @@ void ReadInt16(GVariant* entry, int32_t* field) {
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_INT16)) {
     *field = g_variant_get_int16(value.get());
   }
-}
-
-// Calls visit(child) for each child of `container`, in order.
-template <typename Visitor>
-void ForEachChild(GVariant* container, Visitor visit) {
-  const gsize count = g_variant_n_children(container);
-  for (gsize i = 0; i < count; ++i) visit(Child(container, i).get());
 }
 
 void ReadStrings(GVariant* entry, std::vector<std::string>* field) {
@@ -254,7 +255,7 @@ bool BluezClient::ResolveAdapter() {
 }
 
 void BluezClient::TakeAdapter(const char* path, GVariant* properties) {
-  if (adapter_path_ != nullptr) return;  // the first one counts
+  if (adapter_path_ != nullptr) return;  // an object that names it twice
   adapter_path_ = g_strdup(path);
   ForEachProperty(properties, [this](auto key, GVariant* entry) {
     if (key == "Address") ReadString(entry, &adapter_address_);
@@ -310,7 +311,8 @@ void BluezClient::OnInterfacesAdded(GDBusConnection*, const gchar*,
       });
 }
 
-// Devices that go are not reported.
+// Subscribed to and not reported: the application hears of a lost device from
+// the prober alone.
 void BluezClient::OnInterfacesRemoved(GDBusConnection*, const gchar*,
                                       const gchar*, const gchar*, const gchar*,
                                       GVariant*, gpointer) {}
@@ -460,6 +462,7 @@ bool BluezClient::PairDevice(const std::string& address) {
 bool BluezClient::RemoveDevice(const std::string& address) {
   const std::string path = FindDevicePath(address);
   if (path.empty()) return true;
+  // Always this client's adapter, which refuses a device of another one.
   return CallSync({adapter_path_, kAdapterInterface, "RemoveDevice",
                    g_variant_new("(o)", path.c_str())}) != nullptr;
 }
@@ -488,6 +491,8 @@ void BluezClient::UnregisterAgent() {
     g_dbus_connection_unregister_object(connection_, agent_registration_id_);
     agent_registration_id_ = 0;
   }
+  // In every case. The daemon knows agents by connection and path, so this also
+  // ends the agent of another client in this process.
   CallSync({kAgentManagerPath, kAgentManagerInterface, "UnregisterAgent",
             g_variant_new("(o)", kAgentPath)});
 }

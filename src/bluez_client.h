@@ -16,8 +16,8 @@ struct GVariantUnref {
 };
 using GVariantPtr = std::unique_ptr<GVariant, GVariantUnref>;
 
-// The scale on which the application is told of an adapter, off or on, and of a
-// bond, absent or there: 10 or 12.
+// The application's scale: 12 for an adapter that is on or a bond that exists,
+// 10 for one that is not.
 constexpr int StateCode(bool on) { return 10 + 2 * static_cast<int>(on); }
 
 // One remote device as the daemon's org.bluez.Device1 object describes it
@@ -40,8 +40,9 @@ struct DiscoveredDevice {
 // agent's calls are dispatched too, except GetKnownDevices(). Each call to
 // the daemon is synchronous and blocks for at most the bus library's default
 // timeout of 25 s, "Pair" for 60 s. A method makes at most three, Initialize()
-// four besides connecting. Failures are values; the ones worth telling are
-// written to standard error with the bus's own text.
+// four after it has connected to the bus, which has no bound of its own.
+// Failures are values; the ones worth telling are written to standard error
+// with the bus's own text.
 class BluezClient {
  public:
   BluezClient() = default;
@@ -157,10 +158,12 @@ class BluezClient {
   bool powered_ = false;
   bool discovering_ = false;
   bool discovery_started_ = false;  // by this client, and not yet stopped
-  // By it a handler sees that a report destroyed the client.
+  // Ends with the client: a handler looks at it after each report.
   const std::shared_ptr<void> life_ = std::make_shared<char>();
 
  public:
+  // Set and cleared by the owner, also from within themselves.
+  //
   // Called on the main thread with each new or changed device; the record lives
   // only during the call. May be empty.
   std::function<void(const DiscoveredDevice&)> on_device;

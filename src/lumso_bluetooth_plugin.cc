@@ -89,8 +89,8 @@ struct PluginState : std::enable_shared_from_this<PluginState> {
 
   // Null when there is no bus, daemon or adapter.
   std::unique_ptr<BluezClient> client;
-  FlMethodChannel* method_channel = nullptr;    // owned reference
-  FlBinaryMessenger* messenger = nullptr;       // borrowed from the registrar
+  FlMethodChannel* method_channel = nullptr;  // owned reference
+  FlBinaryMessenger* messenger = nullptr;     // borrowed; the channels keep it
   FlEventChannel* discovery_channel = nullptr;  // owned reference
   FlEventChannel* state_channel = nullptr;      // owned reference
   FlEventChannel* debug_channel = nullptr;      // owned reference
@@ -101,19 +101,19 @@ struct PluginState : std::enable_shared_from_this<PluginState> {
   // connections_mutex.
   std::map<int32_t, ConnectionEntry> connections;
   std::mutex secret_mutex;
-  std::string auth_secret;  // guarded by secret_mutex
-  std::thread rssi_thread;
-  std::atomic<bool> rssi_stop{false};
-  std::atomic<bool> rssi_running{false};
+  std::string auth_secret;             // guarded by secret_mutex
+  std::thread rssi_thread;             // not joinable before the first secret
+  std::atomic<bool> rssi_stop{false};  // set by dispose, polled by the prober
+  std::atomic<bool> rssi_running{false};  // the prober was started: once
   // Counted failures in a row by device address. Guarded by
   // rssi_failures_mutex.
   std::unordered_map<std::string, int32_t> rssi_failures;
   std::mutex rssi_failures_mutex;
 };
 
-// User data of a read channel's handlers, which do not use it: the messenger
-// keeps the channel, and with it this record, also after "disconnect" and
-// perhaps after the state.
+// User data of a read channel's handlers, which must not follow `state`: the
+// messenger keeps the channel, and with it this record, past "disconnect" and
+// perhaps past the state.
 struct ReadChannelContext {
   PluginState* state;
   int32_t id;
@@ -149,6 +149,7 @@ G_DEFINE_TYPE(LumsoBluetoothPlugin, lumso_bluetooth_plugin, G_TYPE_OBJECT)
 namespace lumso_bluetooth {
 namespace {
 
+// Borrowed; null from dispose on.
 PluginState* StateOf(gpointer plugin) {
   return LUMSO_BLUETOOTH_PLUGIN(plugin)->state.get();
 }
@@ -205,12 +206,13 @@ const gchar* StringArgument(const Call& call, const char* key) {
   return fl_value_get_string(value);
 }
 
-// Returns the argument "id", narrowed to the 32 bits that ids have; -1 when it
-// is missing, and 0, which is never handed out, when it is not an integer.
+// Returns the argument "id", narrowed to the 32 bits that ids have, or -1 when
+// there is no such integer.
 int32_t IdArgument(const Call& call) {
   FlValue* value = Argument(call, "id");
-  if (value == nullptr) return -1;
-  if (fl_value_get_type(value) != FL_VALUE_TYPE_INT) return 0;
+  if (value == nullptr || fl_value_get_type(value) != FL_VALUE_TYPE_INT) {
+    return -1;
+  }
   return static_cast<int32_t>(fl_value_get_int(value));
 }
 
@@ -260,8 +262,9 @@ void SendStateEvent(PluginState* state) {
 }
 
 // Returns the state that a stream handler works on, or null when there is no
-// client. The installed callables hold it plainly: they go with the client, and
-// nothing follows a send in them, which may outlast both.
+// client. The callables that it installs borrow the state: they go with the
+// client, before it. A copy of one may still be inside its send when both go,
+// so nothing follows the send.
 PluginState* StateWithClient(gpointer plugin) {
   if (plugin == nullptr) return nullptr;
   PluginState* state = StateOf(plugin);
@@ -501,17 +504,17 @@ FlMethodResponse* HandleConnect(const Call& call) {
 FlMethodResponse* HandleWrite(const Call& call) {
   const int32_t id = IdArgument(call);
   FlValue* bytes = Argument(call, "bytes");
-  if (bytes == nullptr ||
-      fl_value_get_type(bytes) != FL_VALUE_TYPE_UINT8_LIST) {
+  if (id < 0 || bytes == nullptr ||
+      fl_value_get_type(bytes) != FL_VALUE_TYPE_UINT8_LIST ||
+      fl_value_get_length(bytes) == 0) {
     return BoolResponse(false);
   }
-  const size_t count = fl_value_get_length(bytes);
-  if (id < 0 || count == 0) return BoolResponse(false);
   const std::lock_guard<std::mutex> lock(call.state->connections_mutex);
   const auto found = call.state->connections.find(id);
   return BoolResponse(
       found != call.state->connections.end() &&
-      found->second.connection->Write(fl_value_get_uint8_list(bytes), count));
+      found->second.connection->Write(fl_value_get_uint8_list(bytes),
+                                      fl_value_get_length(bytes)));
 }
 
 FlMethodResponse* HandleDisconnect(const Call& call) {
@@ -597,7 +600,8 @@ MaybeFailure ConnectProbe(int fd, const sockaddr_rc& remote) {
   return std::nullopt;
 }
 
-// Ends the plug-in's side and reads a little of what the device still sends.
+// Ends the stream and drops a little of what has come meanwhile. On a kernel
+// RFCOMM socket SHUT_WR ends both directions, so nothing more arrives.
 void HalfCloseAndDrain(int fd) {
   shutdown(fd, SHUT_WR);
   for (int i = 0; i < kDrainPolls; ++i) {
@@ -675,8 +679,10 @@ MaybeFailure Probe(const std::string& address, const std::string& secret,
   return failure ? failure : ParseReading(buffer, reading);
 }
 
-// Asks the device at `address` for its signal strength. Prober thread; its
-// waits add up to about seventeen seconds at most.
+// Asks the device at `address` for its signal strength. Prober thread. Its
+// waits for the device add up to about seventeen seconds at most; a secret
+// larger than the socket's buffer can add 30 s for each slice that the device
+// does not take.
 ProbeOutcome ProbeDeviceRssi(const std::string& address,
                              const std::string& secret) {
   int32_t reading = 0;
@@ -707,7 +713,7 @@ gboolean DispatchSideBandEvent(gpointer user_data) {
   return G_SOURCE_REMOVE;
 }
 
-// Any thread.
+// Any thread that the state outlives.
 void PostSideBandEvent(PluginState* state, const std::string& type,
                        const std::string& address, int32_t value) {
   auto record = std::make_unique<SideBandEvent>(
@@ -901,7 +907,9 @@ void LumsoHandleMethod(FlMethodChannel*, FlMethodCall* method_call,
 
 // -- Lifecycle ---------------------------------------------------------------
 
-// Ends the threads first, then what they use, then what the main thread uses.
+// Ends the threads, then the client, then the channels. Waits for what the
+// prober is at: a probe, a listing (25 s at most) or a sleep (2 s); then for
+// the daemon to forget the agent (25 s at most).
 void TearDown(PluginState* state) {
   state->rssi_stop.exchange(true);
   if (state->rssi_thread.joinable()) state->rssi_thread.join();

@@ -75,6 +75,7 @@ bool ParseRfcommAddress(const std::string& address, sockaddr_rc* remote) {
 
 int OpenRfcommSocket() {
   const int fd = socket(AF_BLUETOOTH, SOCK_STREAM, BTPROTO_RFCOMM);
+  // A child that another thread starts before this line inherits the socket.
   if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
   return fd;
 }
@@ -124,6 +125,7 @@ bool RfcommConnection::Connect(const std::string& address) {
     return false;
   }
   const int fd = OpenRfcommSocket();
+  // A connection without its wake-up is as good as one without its socket.
   const int wake_fd = fd < 0 ? -1 : eventfd(0, EFD_CLOEXEC);
   if (wake_fd < 0) {
     std::fprintf(stderr, "lumso_bluetooth: socket() failed: %s\n",
@@ -161,7 +163,8 @@ void RfcommConnection::ReadLoop() {
       PrintReadError();
       break;
     }
-    if (waits[1].revents != 0) break;  // Close(), or the host closed it
+    // Close() signalled it, or the host closed its number.
+    if (waits[1].revents != 0) break;
     const ssize_t count =
         ReadReady(fd_, waits[0].revents, buffer, sizeof(buffer));
     if (count > 0) {
@@ -169,6 +172,7 @@ void RfcommConnection::ReadLoop() {
     } else if (count == 0) {
       break;
     } else if (errno != EINTR) {
+      // EBADF: the host closed the socket's number, which is no read's failure.
       if (errno != EBADF) PrintReadError();
       break;
     }
@@ -193,7 +197,8 @@ void RfcommConnection::Close() {
   }
   if (reader_.joinable()) reader_.join();
   if (fd_ >= 0) {
-    // Only now: a reader must never meet a descriptor number that was reused.
+    // Only now: the reader reads fd_ without a lock, and must never meet a
+    // descriptor number that was reused.
     close(fd_);
     close(wake_fd_);
     fd_ = -1;

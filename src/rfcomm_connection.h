@@ -28,21 +28,21 @@ int OpenRfcommSocket();
 // once. Returns 0 when there is none or it cannot be asked. Any thread.
 int TakeSocketError(int fd);
 
-// Reads up to `size` bytes from an RFCOMM socket for which a poll() for POLLIN
-// has just reported `revents`, which are not 0; then it never waits. Returns
-// their count, 0 at the end of the stream, or -1 with errno set. What is queued
-// comes before the end. Any thread.
+// Reads up to `size` bytes from an RFCOMM socket right after a poll() for
+// POLLIN reported `revents` (not 0) on it. Never waits. Returns their count, 0
+// at the end of the stream, or -1 with errno set. What is queued comes before
+// the end. Any thread.
 //
 // The kernel hands the error of an ended stream out once. Where a write() took
 // it, poll() goes on to report POLLHUP, and a read() that may wait would sleep
 // for ever: neither shutdown() nor close() wakes it.
 ssize_t ReadReady(int fd, short revents, void* data, size_t size);
 
-// Writes `count` bytes to a blocking RFCOMM socket, through signals and in
-// slices that the kernel can send. Returns whether it took them all; if not,
-// errno is that of the write() that failed or, as a count of 0 does, left it
-// alone. Waits while the peer takes nothing, until the kernel gives a slice up
-// after 30 s. Does not suppress SIGPIPE. Any thread.
+// Writes `count` bytes to a blocking RFCOMM socket, in slices that the kernel
+// can send, and goes on after signals. Returns whether it took them all; if
+// not, errno is the failed write()'s, or unchanged when a write() took 0 bytes.
+// Waits while the peer takes nothing, until the kernel gives a slice up after
+// 30 s. Does not suppress SIGPIPE. Any thread.
 bool WriteAll(int fd, const void* data, size_t count);
 
 // Starts a thread called `name` (a literal of at most 15 characters) that takes
@@ -55,9 +55,9 @@ std::thread StartThread(const char* name, std::function<void()> body);
 // each attempt to connect.
 //
 // The object owns its socket and one reader thread, which hands every run of
-// received bytes to a callback. All methods belong to the main thread; the
-// callback runs on the reader thread. Failures are written to standard error,
-// one line each, and returned as false.
+// received bytes to a callback. All methods belong to the main thread, but for
+// Write(), which threads may share; the callback runs on the reader thread.
+// Failures are written to standard error, one line each, and returned as false.
 class RfcommConnection {
  public:
   // Receives what the reader thread reads: 1 to 2048 bytes with `end` false,
@@ -104,7 +104,7 @@ class RfcommConnection {
   int wake_fd_ = -1;                  // eventfd that ends the reader's wait
   std::thread reader_;                // runs ReadLoop() from Start() on
   std::atomic<bool> running_{false};  // the reader goes on while it is set
-  std::mutex write_mutex_;            // one Write() at a time
+  std::mutex write_mutex_;            // one Write() at a time, whoever calls
   DataCallback on_data_;              // set before the reader starts
 };
 

@@ -17,8 +17,8 @@ G_BEGIN_DECLS
 /**
  * LumsoBluetoothPlugin:
  *
- * One instance of the plug-in: a final type derived from #GObject, without
- * properties and signals. Applications talk to it through its platform
+ * One instance of the plug-in: a type derived from #GObject, without properties
+ * and signals. Applications talk to it through its platform
  * channels only.
  */
 typedef struct _LumsoBluetoothPlugin LumsoBluetoothPlugin;
@@ -51,9 +51,10 @@ FLUTTER_PLUGIN_EXPORT GType lumso_bluetooth_plugin_get_type(void);
  * messenger. Call it once per engine, on the platform thread (the thread of the
  * default GLib main context), as generated registrants do. It makes the
  * synchronous D-Bus calls that find the adapter, a few milliseconds as a rule
- * and at most 25 s each. Without a system bus or BlueZ daemon it writes the
- * reason to standard error; with a daemon but no adapter it is silent. In each
- * case the channels still answer, with neutral values.
+ * and at most 25 s each; connecting to a bus that accepts and then keeps silent
+ * has no bound. Without a system bus or BlueZ daemon it writes the reason to
+ * standard error; with a daemon but no adapter it is silent. In each case the
+ * channels still answer, with neutral values ("connect" with an error).
  *
  * The instance lives as long as the messenger keeps the channels' handlers,
  * which is until the engine shuts down.
