@@ -31,7 +31,8 @@ to the Bluetooth daemon's adapter, and says of each step what it saw: ok, proble
 or cannot tell, and of a problem what to do. It needs no plug-in, changes nothing
 and ends within 45 s. With ADDRESS it also looks at that device and opens its
 channel 1 once, as "connect" does, and closes it; where nothing is bonded yet
-that may begin a pairing.
+that may begin a pairing. It registers an agent for a moment, and the kernel may
+load its Bluetooth modules for the socket that it asks for.
 
 --json prints one JSON object per step, with the keys "step", "verdict", "saw",
 and "means" and "do" where something is wrong.
@@ -81,6 +82,20 @@ const Look& LookOf(Verdict verdict) {
   return kLooks[static_cast<int>(verdict)];
 }
 
+// What is seen may come from afar, such as a device's name: it must not command
+// a terminal.
+std::string Printable(const std::string& text) {
+  g_autofree gchar* valid = g_utf8_make_valid(text.c_str(), -1);
+  std::string printable;
+  const gchar* next = nullptr;
+  for (const gchar* c = valid; *c != '\0'; c = next) {
+    next = g_utf8_next_char(c);
+    printable += g_unichar_isprint(g_utf8_get_char(c)) ? std::string(c, next)
+                                                       : std::string("?");
+  }
+  return printable;
+}
+
 Json ToJson(const Finding& finding) {
   Json json = {{"step", finding.step},
                {"verdict", LookOf(finding.verdict).word},
@@ -100,7 +115,7 @@ std::string ToText(const Finding& finding, const Screen& screen) {
   if (screen.colours) text = look.colour + text + "\x1b[0m";
   text += std::string(finding.step) + ": ";
   for (size_t i = 0; i < finding.saw.size(); ++i) {
-    text += (i == 0 ? "" : "; ") + finding.saw[i];
+    text += (i == 0 ? "" : "; ") + Printable(finding.saw[i]);
   }
   if (finding.trouble) {
     const TroubleRow& row = RowOf(*finding.trouble);

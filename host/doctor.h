@@ -26,12 +26,14 @@ struct Finding {
   const char* step = "";
   Verdict verdict = Verdict::kOk;
   std::vector<std::string> saw;
-  // The problem; without one, what the step makes likely.
+  // The problem's row, when it has one; without a problem, what the step makes
+  // likely.
   std::optional<Trouble> trouble;
 };
 
-// Turn a finding into one of these.
+// Turn a finding into one of these; a problem without a row has a reason.
 Finding Problem(Finding finding, Trouble trouble);
+Finding Problem(Finding finding, const std::string& reason);
 Finding CannotTell(Finding finding, const std::string& reason);
 
 struct VariantUnref {
@@ -50,8 +52,8 @@ struct ConnectionUnref {
 struct BusAnswer {
   VariantPtr value;
   std::string error;
-  std::string message;
-  bool late = false;  // Nothing came in time.
+  std::string message;  // Of the error.
+  bool late = false;    // Nothing came in time.
 };
 
 // What the steps know of the machine, and hand on to later ones.
@@ -61,8 +63,11 @@ struct Patient {
   // Told before something is done that others can notice; may be empty.
   std::function<void(const std::string& text)> announce;
   gint64 deadline = 0;  // Monotonic time, in microseconds.
+  // The kernel's modules before the first socket, which may load them.
+  std::vector<std::string> modules;
   // The errno of making an RFCOMM socket; 0 when that works.
   int socket_error = 0;
+  std::vector<std::string> controllers;  // The kernel's, such as "hci0".
 
   // The step whose problem already explains that these do not work.
   const char* sockets_spoilt = nullptr;
@@ -76,7 +81,11 @@ struct Patient {
   std::string daemon_owner;  // The daemon's unique name; empty without one.
   BusAnswer objects;         // Of GetManagedObjects.
   std::string adapter;       // The object path of the one that is taken.
+  bool paired = false;       // The device with that adapter.
 };
+
+// Tells a radio's name of a controller from one of the machine's own switch.
+bool IsController(const std::string& name);
 
 // Milliseconds until the deadline, at most `most`, at least 1.
 int TimeLeft(const Patient& patient, int most);

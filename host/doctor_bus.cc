@@ -27,6 +27,8 @@ constexpr char kDeviceInterface[] = "org.bluez.Device1";
 constexpr char kAgentManager[] = "org.bluez.AgentManager1";
 constexpr char kAgentPath[] = "/brel/lumso/lumso_bluetooth/doctor";
 constexpr char kAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
+constexpr char kNoOwner[] = "org.freedesktop.DBus.Error.NameHasNoOwner";
+constexpr char kNoReply[] = "org.freedesktop.DBus.Error.NoReply";
 
 constexpr int kBusMs = 5000;
 constexpr int kDaemonMs = 8000;
@@ -42,22 +44,25 @@ struct BusCall {
   int limit_ms;
 };
 
+std::string NoAnswerWithin(int limit_ms) {
+  return "no answer within " + std::to_string(limit_ms) + " ms";
+}
+
 // Starts nothing that does not run.
 BusAnswer Ask(const Patient& patient, const BusCall& call) {
   BusAnswer answer;
+  const int limit_ms = TimeLeft(patient, call.limit_ms);
   g_autoptr(GError) error = nullptr;
   answer.value.reset(g_dbus_connection_call_sync(
       patient.bus.get(), call.name, call.path, call.interface, call.method,
       call.arguments, G_VARIANT_TYPE(call.reply_type),
-      G_DBUS_CALL_FLAGS_NO_AUTO_START, TimeLeft(patient, call.limit_ms),
-      nullptr, &error));
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, limit_ms, nullptr, &error));
   if (error == nullptr) return answer;
   g_autofree gchar* name = g_dbus_error_get_remote_error(error);
-  answer.late = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
-                g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY);
+  answer.late = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT);
   g_dbus_error_strip_remote_error(error);
   if (name != nullptr) answer.error = name;
-  answer.message = error->message;
+  answer.message = answer.late ? NoAnswerWithin(limit_ms) : error->message;
   return answer;
 }
 
@@ -111,8 +116,9 @@ BusAnswer ConnectToBus(Patient* patient) {
       nullptr, nullptr, OnConnected,
       std::make_unique<ConnectingPtr>(connecting).release());
   bool late = false;
+  const int limit_ms = TimeLeft(*patient, kBusMs);
   const guint timer = g_timeout_add(
-      static_cast<guint>(TimeLeft(*patient, kBusMs)),
+      static_cast<guint>(limit_ms),
       [](gpointer data) -> gboolean {
         *static_cast<bool*>(data) = true;
         return G_SOURCE_CONTINUE;
@@ -121,6 +127,7 @@ BusAnswer ConnectToBus(Patient* patient) {
   while (!connecting->done && !late) g_main_context_iteration(nullptr, TRUE);
   g_source_remove(timer);
   connecting->answer.late = !connecting->done;
+  if (!connecting->done) connecting->answer.message = NoAnswerWithin(limit_ms);
   patient->bus = std::move(connecting->connection);
   return std::move(connecting->answer);
 }
@@ -182,7 +189,8 @@ std::string DaemonVersion(const Patient& patient) {
 }
 
 // Says why the daemon does not run, as its service sees it.
-Finding ExamineService(Finding finding, GVariant* unit, Patient* patient) {
+Finding ExamineService(Finding finding, GVariant* unit, bool startable,
+                       const Patient& patient) {
   const std::string load = Text(unit, "LoadState");
   const std::string active = Text(unit, "ActiveState");
   const std::string file = Text(unit, "UnitFileState");
@@ -192,15 +200,14 @@ Finding ExamineService(Finding finding, GVariant* unit, Patient* patient) {
     return Problem(std::move(finding), Trouble::kDaemonFails);
   if (load == "not-found" || file == "disabled")
     return Problem(std::move(finding), Trouble::kNoDaemon);
-  const VariantPtr tried = Property(unit, "ConditionTimestamp", "t");
-  const bool skipped = tried != nullptr &&
-                       g_variant_get_uint64(tried.get()) != 0 &&
-                       !IsSet(unit, "ConditionResult");
-  if (skipped && patient->adapter_spoilt != nullptr) {
+  // Nobody asks systemd for it before there is a controller.
+  if (patient.controllers.empty() && patient.adapter_spoilt != nullptr) {
     return CannotTell(std::move(finding),
-                      std::string("see ") + patient->adapter_spoilt);
+                      std::string("see ") + patient.adapter_spoilt);
   }
-  if (skipped) return Problem(std::move(finding), Trouble::kDaemonSkipped);
+  if (patient.controllers.empty())
+    return Problem(std::move(finding), Trouble::kDaemonSkipped);
+  if (!startable) return Problem(std::move(finding), Trouble::kNoDaemon);
   return CannotTell(std::move(finding),
                     "the bus starts it at an application's first call; after "
                     "systemctl start bluetooth the doctor sees more");
@@ -234,7 +241,8 @@ Finding ExamineAbsentDaemon(Finding finding, Patient* patient) {
   if (state.value == nullptr)
     return CannotTell(std::move(finding), "systemd: " + state.message);
   const VariantPtr properties(g_variant_get_child_value(state.value.get(), 0));
-  return ExamineService(std::move(finding), properties.get(), patient);
+  return ExamineService(std::move(finding), properties.get(), startable,
+                        *patient);
 }
 
 // The adapters that let devices pair with them, by their paths.
@@ -247,11 +255,11 @@ std::map<std::string, bool> Pairable(const Patient& patient) {
   return pairable;
 }
 
-// A daemon lets devices pair while somebody has an agent, and forgets what was
-// set by hand when the last one goes: it is set again. That happens some
-// milliseconds after the daemon's answer.
-void RestorePairable(Patient* patient) {
-  const auto before = Pairable(*patient);
+// A daemon lets devices pair while somebody has an agent, and no longer when
+// the last one goes, also where that was set by hand: there it is set again.
+// That happens some milliseconds after the daemon's answer.
+void RestorePairable(const std::map<std::string, bool>& before,
+                     Patient* patient) {
   const gint64 end = g_get_monotonic_time() + kSettleUs;
   while (g_get_monotonic_time() < end) {
     BusAnswer now = AskForObjects(*patient);
@@ -259,10 +267,10 @@ void RestorePairable(Patient* patient) {
     patient->objects = std::move(now);
     for (const auto& [path, pairable] : Pairable(*patient)) {
       const auto was = before.find(path);
-      if (was == before.end() || was->second == pairable) continue;
+      if (was == before.end() || !was->second || pairable) continue;
       Ask(*patient, {kBluez, path.c_str(), kProperties, "Set",
                      g_variant_new("(ssv)", kAdapterInterface, "Pairable",
-                                   g_variant_new_boolean(was->second)),
+                                   g_variant_new_boolean(TRUE)),
                      "()", kBusMs});
     }
     g_usleep(kSettleUs / 10);
@@ -307,7 +315,7 @@ Finding ExamineBus(Patient* patient) {
         AskBus(*patient, "GetNameOwner", g_variant_new("(s)", kBluez), "(s)");
   }
   if (answer.late) {
-    finding.saw.push_back("no answer within 5 s");
+    finding.saw.push_back(answer.message);
     return Problem(std::move(finding), Trouble::kBusSilent);
   }
   if (patient->bus == nullptr) {
@@ -317,6 +325,8 @@ Finding ExamineBus(Patient* patient) {
   finding.saw.push_back(
       "answers after " +
       std::to_string((g_get_monotonic_time() - began) / 1000) + " ms");
+  if (answer.value == nullptr && answer.error != kNoOwner)
+    return Problem(std::move(finding), "GetNameOwner: " + answer.message);
   patient->bus_spoilt = nullptr;
   if (answer.value == nullptr) return finding;
   const gchar* owner = nullptr;
@@ -347,13 +357,16 @@ Finding ExamineDaemon(Patient* patient) {
   if (patient->daemon_owner.empty())
     return ExamineAbsentDaemon(std::move(finding), patient);
   if (patient->objects.late) {
-    finding.saw.push_back("it runs, and gave no answer within " +
-                          std::to_string(kDaemonMs / 1000) + " s");
+    finding.saw.push_back("it runs: " + patient->objects.message);
     return Problem(std::move(finding), Trouble::kDaemonHangs);
   }
-  if (patient->objects.value == nullptr)
-    return CannotTell(std::move(finding),
-                      "GetManagedObjects: " + patient->objects.message);
+  if (patient->objects.value == nullptr) {
+    const std::string reason = "GetManagedObjects: " + patient->objects.message;
+    if (patient->objects.error != kNoReply)
+      return Problem(std::move(finding), reason);
+    finding.saw.push_back(reason);
+    return Problem(std::move(finding), Trouble::kDaemonFails);
+  }
   patient->daemon_spoilt = nullptr;
   const std::string version = DaemonVersion(*patient);
   finding.saw.push_back("it runs and answers, " + (version.empty()
@@ -400,8 +413,10 @@ Finding ExamineAdapter(Patient* patient) {
   patient->adapter_spoilt = finding.step;
   if (taken == nullptr) return Problem(std::move(finding), Trouble::kNoAdapter);
   const auto& blocked = patient->blocked;
-  const bool is_blocked =
-      std::find(blocked.begin(), blocked.end(), name) != blocked.end();
+  const bool is_blocked = std::any_of(
+      blocked.begin(), blocked.end(), [&name](const std::string& radio) {
+        return radio == name || !IsController(radio);
+      });
   return Problem(std::move(finding),
                  is_blocked ? Trouble::kBlocked : Trouble::kAdapterOff);
 }
@@ -418,18 +433,19 @@ Finding ExamineAgent(Patient* patient) {
     return Ask(*patient, {kBluez, kBluezPath, kAgentManager, method, arguments,
                           "()", kBusMs});
   };
+  BusAnswer now = AskForObjects(*patient);
+  if (now.value != nullptr) patient->objects = std::move(now);
+  const auto pairable = Pairable(*patient);
   const BusAnswer made = ask(
       "RegisterAgent", g_variant_new("(os)", kAgentPath, "NoInputNoOutput"));
   if (made.value == nullptr) {
-    finding.saw.push_back(
-        "RegisterAgent: " +
-        (made.late ? std::string("no answer within 5 s") : made.message));
+    finding.saw.push_back("RegisterAgent: " + made.message);
     return Problem(std::move(finding), made.error == kAccessDenied
                                            ? Trouble::kDenied
                                            : Trouble::kAgentRefused);
   }
   ask("UnregisterAgent", g_variant_new("(o)", kAgentPath));
-  RestorePairable(patient);
+  RestorePairable(pairable, patient);
   finding.saw.push_back("one can be registered");
   finding.saw.push_back(
       "pairings that a device begins go to whoever asked last to be the "
@@ -458,10 +474,10 @@ Finding ExamineDevice(Patient* patient) {
   }
   std::string name = Text(device.get(), "Alias");
   if (name.empty()) name = Text(device.get(), "Name");
-  const bool paired = IsSet(device.get(), "Paired");
+  patient->paired = IsSet(device.get(), "Paired");
   finding.saw.push_back("known as \"" + name + "\", which the prober " +
                         (IsProbedName(name) ? "asks" : "does not ask"));
-  finding.saw.push_back(paired ? "paired" : "not paired");
+  finding.saw.push_back(patient->paired ? "paired" : "not paired");
   finding.saw.push_back(IsSet(device.get(), "Connected") ? "connected"
                                                          : "not connected");
   const VariantPtr rssi = Property(device.get(), "RSSI", "n");

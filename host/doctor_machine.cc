@@ -82,18 +82,15 @@ std::vector<Switch> Switches(const Patient& patient) {
 }
 
 // A controller that is not blocked may be the one that matters; a switch of the
-// machine itself takes controllers away.
+// machine itself is only that of the controller built in.
 bool IsRadioBlocked(const std::vector<Switch>& switches) {
-  size_t controllers = 0;
-  size_t blocked = 0;
+  bool blocked = false;
   for (const Switch& radio : switches) {
-    const bool controller = radio.name.rfind("hci", 0) == 0;
     const bool off = radio.soft || radio.hard;
-    if (off && !controller) return true;
-    if (controller) ++controllers;
-    if (controller && off) ++blocked;
+    if (!off && IsController(radio.name)) return false;
+    blocked |= off;
   }
-  return controllers > 0 && blocked == controllers;
+  return blocked;
 }
 
 enum class Namespace { kFirst, kOther, kUnknown };
@@ -153,8 +150,8 @@ int OpenSocket() {
 }
 
 struct Connected {
-  int error = 0;  // errno; 0 when connected.
-  bool late = false;
+  int error = 0;      // errno; 0 when connected.
+  int waited_ms = 0;  // When no answer came in that time.
 };
 
 // Connects without blocking, so that nothing here can outlast the deadline.
@@ -165,24 +162,24 @@ Connected ConnectWithin(int fd, const sockaddr_rc& remote, int limit_ms) {
       0) {
     return {};
   }
-  if (errno != EINPROGRESS && errno != EINTR) return {errno, false};
+  if (errno != EINPROGRESS && errno != EINTR) return {errno};
   for (;;) {
     const gint64 left = (end - g_get_monotonic_time()) / 1000;
-    if (left <= 0) return {ETIMEDOUT, true};
+    if (left <= 0) return {ETIMEDOUT, limit_ms};
     pollfd wait = {fd, POLLOUT, 0};
     const int ready = poll(&wait, 1, static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) return {errno, false};
+    if (ready < 0 && errno != EINTR) return {errno};
     if (ready > 0) break;
   }
   int error = 0;
   socklen_t size = sizeof(error);
-  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-  return {error, false};
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return {errno};
+  return {error};
 }
 
-// Opens channel 1 of the device and closes it. A channel that was let go of
-// just now is busy for some milliseconds yet.
-Connected OpenOnce(const Patient& patient) {
+// Opens channel 1 of the device and closes it; nothing without a socket. A
+// channel that was let go of just now is busy for some milliseconds yet.
+std::optional<Connected> OpenOnce(const Patient& patient) {
   sockaddr_rc remote = {};
   remote.rc_family = AF_BLUETOOTH;
   remote.rc_channel = kChannel;
@@ -190,7 +187,7 @@ Connected OpenOnce(const Patient& patient) {
   const gint64 closed_by = g_get_monotonic_time() + kClosingUs;
   for (;;) {
     const int fd = OpenSocket();
-    if (fd < 0) return {errno, false};
+    if (fd < 0) return std::nullopt;
     const Connected result =
         ConnectWithin(fd, remote, TimeLeft(patient, kConnectMs));
     close(fd);
@@ -212,6 +209,7 @@ std::optional<Trouble> TroubleOfConnect(int error) {
     case EBUSY:
       return Trouble::kBusy;
     case EACCES:
+    case EBADE:
       return Trouble::kNotAuthenticated;
     case ETIMEDOUT:
       return Trouble::kNoAnswer;
@@ -228,11 +226,19 @@ Finding Problem(Finding finding, Trouble trouble) {
   return finding;
 }
 
+Finding Problem(Finding finding, const std::string& reason) {
+  finding.verdict = Verdict::kProblem;
+  finding.saw.push_back(reason);
+  return finding;
+}
+
 Finding CannotTell(Finding finding, const std::string& reason) {
   finding.verdict = Verdict::kCannotTell;
   finding.saw.push_back(reason);
   return finding;
 }
+
+bool IsController(const std::string& name) { return name.rfind("hci", 0) == 0; }
 
 int TimeLeft(const Patient& patient, int most) {
   const gint64 left = (patient.deadline - g_get_monotonic_time()) / 1000;
@@ -244,6 +250,10 @@ Finding ExamineProcess(Patient* patient) {
   finding.step = "this process";
   finding.saw.push_back("user " + UserName());
 
+  for (const char* module : {"bluetooth", "rfcomm"}) {
+    if (Exists(patient->root + "/sys/module/" + module))
+      patient->modules.push_back(module);
+  }
   const int fd = OpenSocket();
   patient->socket_error = fd < 0 ? errno : 0;
   if (fd >= 0) close(fd);
@@ -268,8 +278,7 @@ Finding ExamineProcess(Patient* patient) {
     case Namespace::kOther:
       finding.saw.push_back(
           "a network namespace of its own, in which the kernel has no "
-          "Bluetooth "
-          "sockets");
+          "Bluetooth sockets");
       patient->sockets_spoilt = finding.step;
       return Problem(std::move(finding), Trouble::kNoSockets);
     case Namespace::kUnknown:
@@ -283,10 +292,20 @@ Finding ExamineProcess(Patient* patient) {
 Finding ExamineKernel(Patient* patient) {
   Finding finding;
   finding.step = "kernel";
+  const auto& before = patient->modules;
   for (const char* module : {"bluetooth", "rfcomm"}) {
-    const bool there = Exists(patient->root + "/sys/module/" + module);
+    const bool loaded = Exists(patient->root + "/sys/module/" + module);
+    const bool was =
+        std::find(before.begin(), before.end(), module) != before.end();
     finding.saw.push_back(std::string("module ") + module +
-                          (there ? " loaded" : " not loaded"));
+                          (!loaded ? " not loaded"
+                           : was   ? " loaded"
+                                   : " loaded when it was asked for"));
+  }
+  for (const std::string& name :
+       Names(patient->root + "/sys/class/bluetooth", "hci")) {
+    if (name.find(':') == std::string::npos)  // Or else a connection.
+      patient->controllers.push_back(name);
   }
   if (patient->sockets_spoilt != nullptr) {
     return CannotTell(std::move(finding),
@@ -310,14 +329,10 @@ Finding ExamineKernel(Patient* patient) {
     default:
       return CannotTell(std::move(finding), "an error of its own kind");
   }
-  size_t controllers = 0;
-  for (const std::string& name :
-       Names(patient->root + "/sys/class/bluetooth", "hci")) {
-    if (name.find(':') != std::string::npos) continue;  // a connection
+  for (const std::string& name : patient->controllers) {
     finding.saw.push_back("controller " + name);
-    ++controllers;
   }
-  if (controllers > 0) return finding;
+  if (!patient->controllers.empty()) return finding;
   return CannotTell(std::move(finding),
                     "no controller in /sys/class/bluetooth: see adapter");
 }
@@ -373,22 +388,33 @@ Finding ExamineStream(Patient* patient) {
                         std::string("not tried: see ") + spoilt);
   }
   if (patient->announce) {
-    patient->announce("opening channel 1 of " + patient->address +
-                      " once, and closing it");
+    patient->announce(
+        "opening channel 1 of " + patient->address + " once, and closing it" +
+        (patient->paired ? ""
+                         : "; it is not paired, so that may begin a pairing"));
   }
   const gint64 began = g_get_monotonic_time();
-  const Connected result = OpenOnce(*patient);
-  if (result.error == 0) {
+  const auto result = OpenOnce(*patient);
+  if (!result) {
+    return CannotTell(std::move(finding),
+                      std::string("socket: ") + std::strerror(errno));
+  }
+  if (result->error == 0) {
     finding.saw.push_back("channel 1 opened after " + Milliseconds(began));
     return finding;
   }
-  finding.saw.push_back((result.late
-                             ? std::string("no answer")
-                             : std::string(std::strerror(result.error))) +
-                        " after " + Milliseconds(began));
-  const auto trouble = TroubleOfConnect(result.error);
-  if (!trouble)
-    return CannotTell(std::move(finding), "an error of its own kind");
+  const bool late = result->waited_ms > 0;
+  finding.saw.push_back((late ? "no answer" : std::strerror(result->error)) +
+                        (" after " + Milliseconds(began)));
+  if (late && result->waited_ms < kConnectMs)
+    return CannotTell(std::move(finding), "no time was left to wait for it");
+  const auto trouble = TroubleOfConnect(result->error);
+  if (!trouble) return Problem(std::move(finding), "an error of its own kind");
+  if (trouble == Trouble::kRefused && patient->paired) {
+    finding.saw.push_back(
+        "this machine holds a bond; if the device lost its own, that can look "
+        "the same");
+  }
   return Problem(std::move(finding), *trouble);
 }
 

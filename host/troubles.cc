@@ -87,7 +87,8 @@ const std::vector<TroubleRow>& Troubles() {
        "bring it near and wake it"},
       {Trouble::kNoRoute, "`… failed: No route to host`", "this adapter is off",
        "`bluetoothctl power on`"},
-      {Trouble::kNotAuthenticated, "`… failed: Permission denied`",
+      {Trouble::kNotAuthenticated,
+       "`… failed: Permission denied` or `… failed: Invalid exchange`",
        "the device refused to authenticate; often one side still holds a bond "
        "that the other removed",
        "remove it on both, and pair again"},

@@ -209,6 +209,13 @@ TEST(DoctorCommand, PrintsTextWithoutMarksIntoAPipe) {
   EXPECT_EQ(outcome.status, 1);
 }
 
+// What is seen may be a stranger's words, such as a device's name.
+TEST(DoctorCommand, LetsNobodyWriteOnTheTerminal) {
+  const Outcome outcome = Ask({"Grüße\n\x1b[32m✔ ok\xe2\x80\xae\xff"});
+  EXPECT_THAT(SplitLines(outcome.output),
+              Contains("problem      device: Grüße??[32m✔ ok?�"));
+}
+
 TEST(DoctorCommand, ExplainsItself) {
   const Outcome outcome = Ask({"--help"});
   EXPECT_THAT(outcome.output, StartsWith("Usage: lumso_host doctor"));
