@@ -8,6 +8,7 @@
 #include <gio/gio.h>
 
 #include <array>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -30,6 +31,11 @@ struct Finding {
   // likely.
   std::optional<Trouble> trouble;
 };
+
+// The step that runs, or whose finding is printed.
+inline std::atomic<const char*> current_step{"its beginning"};
+
+Finding BeginStep(const char* step);
 
 // Turn a finding into one of these; a problem without a row has a reason.
 Finding Problem(Finding finding, Trouble trouble);
@@ -54,6 +60,7 @@ struct BusAnswer {
   std::string error;
   std::string message;  // Of the error.
   bool late = false;    // Nothing came in time.
+  bool absent = false;  // Nobody is there to ask.
 };
 
 // What the steps know of the machine, and hand on to later ones.
@@ -84,6 +91,9 @@ struct Patient {
   bool paired = false;       // The device with that adapter.
 };
 
+// Tells whether this process is confined as a Snap's.
+bool IsInSnap(const Patient& patient);
+
 // Tells a radio's name of a controller from one of the machine's own switch.
 bool IsController(const std::string& name);
 
@@ -103,8 +113,9 @@ Finding ExamineGlib(Patient* patient);
 Finding ExamineDevice(Patient* patient);
 Finding ExamineStream(Patient* patient);
 
-// Judges a version of GLib; for ExamineGlib.
-Finding JudgeGlib(unsigned major, unsigned minor, unsigned micro);
+// Judges a version of GLib where it cannot be tried; for ExamineGlib.
+Finding JudgeGlib(Finding finding, unsigned major, unsigned minor,
+                  unsigned micro);
 
 // How the names of the devices begin that the prober asks.
 inline constexpr std::array<std::string_view, 5> kProbedNamePrefixes = {

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -47,8 +46,9 @@ std::string FirstLine(const std::string& path) {
 std::vector<std::string> Names(const std::string& folder, const char* start) {
   std::vector<std::string> names;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-    const std::string name = entry.path().filename().string();
+  std::filesystem::directory_iterator entry(folder, error);
+  for (; entry != end(entry); entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
     if (name.rfind(start, 0) == 0) names.push_back(name);
   }
   std::sort(names.begin(), names.end());
@@ -122,11 +122,11 @@ bool HasWord(GKeyFile* file, const char* group, const char* key,
 
 // Looks at what a Flatpak application was granted.
 Finding ExamineFlatpak(Finding finding, GKeyFile* info, Patient* patient) {
-  g_autofree gchar* policy =
-      g_key_file_get_string(info, "System Bus Policy", "org.bluez", nullptr);
-  const bool bus = HasWord(info, "Context", "sockets", "system-bus") ||
-                   g_strcmp0(policy, "talk") == 0 ||
-                   g_strcmp0(policy, "own") == 0;
+  bool bus = HasWord(info, "Context", "sockets", "system-bus");
+  for (const char* name : {"org.bluez", "org.bluez.*"}) {
+    for (const char* grant : {"talk", "own"})
+      bus |= HasWord(info, "System Bus Policy", name, grant);
+  }
   const bool network = HasWord(info, "Context", "shared", "network");
   const bool sockets = HasWord(info, "Context", "features", "bluetooth");
   finding.saw.push_back(std::string("a Flatpak sandbox, ") +
@@ -220,6 +220,13 @@ std::optional<Trouble> TroubleOfConnect(int error) {
 
 }  // namespace
 
+Finding BeginStep(const char* step) {
+  current_step = step;
+  Finding finding;
+  finding.step = step;
+  return finding;
+}
+
 Finding Problem(Finding finding, Trouble trouble) {
   finding.verdict = Verdict::kProblem;
   finding.trouble = trouble;
@@ -245,9 +252,17 @@ int TimeLeft(const Patient& patient, int most) {
   return static_cast<int>(std::clamp<gint64>(left, 1, most));
 }
 
+// The environment says it of everything that a Snap's program has started, and
+// not every Snap is confined.
+bool IsInSnap(const Patient& patient) {
+  const std::string profile =
+      FirstLine(patient.root + "/proc/self/attr/current");
+  return profile.rfind("snap.", 0) == 0 &&
+         profile.find(" (enforce)") != std::string::npos;
+}
+
 Finding ExamineProcess(Patient* patient) {
-  Finding finding;
-  finding.step = "this process";
+  Finding finding = BeginStep("this process");
   finding.saw.push_back("user " + UserName());
 
   for (const char* module : {"bluetooth", "rfcomm"}) {
@@ -264,9 +279,8 @@ Finding ExamineProcess(Patient* patient) {
     g_key_file_load_from_file(info, flatpak.c_str(), G_KEY_FILE_NONE, nullptr);
     finding = ExamineFlatpak(std::move(finding), info, patient);
     if (finding.verdict == Verdict::kProblem) return finding;
-  } else if (const char* snap = std::getenv("SNAP")) {
-    finding.saw.push_back(std::string("a Snap (") + snap +
-                          "): its bluez interface must be connected");
+  } else if (IsInSnap(*patient)) {
+    finding.saw.push_back("a Snap: its bluez interface must be connected");
   } else {
     finding.saw.push_back("no Flatpak or Snap sandbox");
   }
@@ -277,8 +291,8 @@ Finding ExamineProcess(Patient* patient) {
       return finding;
     case Namespace::kOther:
       finding.saw.push_back(
-          "a network namespace of its own, in which the kernel has no "
-          "Bluetooth sockets");
+          "a network namespace of its own, or a service's restriction, in "
+          "which the kernel has no Bluetooth sockets");
       patient->sockets_spoilt = finding.step;
       return Problem(std::move(finding), Trouble::kNoSockets);
     case Namespace::kUnknown:
@@ -290,8 +304,7 @@ Finding ExamineProcess(Patient* patient) {
 }
 
 Finding ExamineKernel(Patient* patient) {
-  Finding finding;
-  finding.step = "kernel";
+  Finding finding = BeginStep("kernel");
   const auto& before = patient->modules;
   for (const char* module : {"bluetooth", "rfcomm"}) {
     const bool loaded = Exists(patient->root + "/sys/module/" + module);
@@ -338,8 +351,7 @@ Finding ExamineKernel(Patient* patient) {
 }
 
 Finding ExamineRadio(Patient* patient) {
-  Finding finding;
-  finding.step = "radio switch";
+  Finding finding = BeginStep("radio switch");
   const std::vector<Switch> switches = Switches(*patient);
   for (const Switch& radio : switches) {
     finding.saw.push_back(radio.name +
@@ -355,31 +367,8 @@ Finding ExamineRadio(Patient* patient) {
   return Problem(std::move(finding), Trouble::kBlocked);
 }
 
-Finding ExamineGlib(Patient*) {
-  return JudgeGlib(glib_major_version, glib_minor_version, glib_micro_version);
-}
-
-// Since 2.78.5, 2.80.1 and 2.81 a signal counts only when the owner of the name
-// sent it (CVE-2024-34397).
-Finding JudgeGlib(unsigned major, unsigned minor, unsigned micro) {
-  Finding finding;
-  finding.step = "GLib";
-  finding.saw.push_back("version " + std::to_string(major) + "." +
-                        std::to_string(minor) + "." + std::to_string(micro));
-  const bool fixed = major > 2 || (major == 2 && minor >= 81) ||
-                     (major == 2 && minor == 80 && micro >= 1) ||
-                     (major == 2 && minor == 78 && micro >= 5);
-  if (fixed) return finding;
-  return CannotTell(
-      std::move(finding),
-      "older than the fix of 2024 (2.78.5, 2.80.1) against signals with a "
-      "forged sender; distributions carry it in older versions too, Debian 12 "
-      "since 2.74.6-2+deb12u2, which the number does not show");
-}
-
 Finding ExamineStream(Patient* patient) {
-  Finding finding;
-  finding.step = "stream";
+  Finding finding = BeginStep("stream");
   for (const char* spoilt :
        {patient->address_spoilt, patient->sockets_spoilt, patient->bus_spoilt,
         patient->daemon_spoilt, patient->adapter_spoilt}) {
@@ -414,6 +403,11 @@ Finding ExamineStream(Patient* patient) {
     finding.saw.push_back(
         "this machine holds a bond; if the device lost its own, that can look "
         "the same");
+  } else if (trouble == Trouble::kNotAuthenticated && !patient->paired) {
+    finding.saw.push_back("it is not paired: pair it first");
+  } else if (trouble == Trouble::kNoAnswer && !patient->paired) {
+    finding.saw.push_back(
+        "it is not paired: somebody there may have been asked to agree");
   }
   return Problem(std::move(finding), *trouble);
 }
