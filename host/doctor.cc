@@ -22,7 +22,7 @@ constexpr int kStatusWrongUsage = 2;
 
 constexpr int kDeadlineSeconds = 40;
 // For what knows no deadline, such as an output that nobody reads.
-constexpr std::chrono::milliseconds kGiveUpAfter(43500);
+constexpr std::chrono::milliseconds kGiveUpAfter(41500);
 constexpr std::chrono::milliseconds kLastWords(500);
 
 constexpr char kUsage[] =

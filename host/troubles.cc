@@ -100,7 +100,7 @@ const std::vector<TroubleRow>& Troubles() {
       {Trouble::kNoRoute, "no-route", "`… failed: No route to host`",
        "this adapter is off", "`bluetoothctl power on`"},
       {Trouble::kNotAuthenticated, "not-authenticated",
-       "`… failed: Permission denied` or `… failed: Invalid exchange`",
+       "`… failed: Permission denied`, or ° `… failed: Invalid exchange`",
        "the device refused to authenticate; often one side still holds a bond "
        "that the other removed",
        "remove it on both, and pair again"},
