@@ -83,8 +83,10 @@ class Doctor(Trouble):
             run = subprocess.run(
                 [self.options.host, "doctor"], capture_output=True, timeout=LIMIT, encoding="utf-8"
             )
-            show(run.stdout)
-            last = run.stdout.splitlines()[-1]
+            lines = run.stdout.splitlines()
+            for line in lines:
+                show(f"  < {line}")
+            last = lines[-1]
             check(last == "Nothing is wrong that can be seen from here.", f"it ends with {last!r}")
             check(run.returncode == 0, f"the exit status is {run.returncode}")
 
