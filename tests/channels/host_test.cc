@@ -538,6 +538,12 @@ TEST(HostStart, RefusesWrongArguments) {
   }
 }
 
+TEST(HostStart, SaysWhereTheDoctorStands) {
+  const Outcome outcome = RunWith({"--json", "doctor"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_NE(outcome.errors.find("doctor (it comes first)"), std::string::npos);
+}
+
 TEST(HostStart, RefusesAPluginThatCannotBeLoaded) {
   Dl_info glib = {};
   ASSERT_NE(dladdr(reinterpret_cast<void*>(&g_strdup), &glib), 0);
