@@ -2,6 +2,7 @@
 
 import dataclasses
 import os
+import re
 import resource
 import shutil
 import signal
@@ -9,7 +10,7 @@ import subprocess
 import threading
 import time
 
-from changes import ROOT, TEXTS
+from changes import FILES, ROOT, TEXTS
 
 # What CMake is given for each kind of build.
 TREES = {
@@ -109,11 +110,22 @@ class Tree:
         """Builds the unchanged sources."""
         copy_checkout(self.source)
         self.build.mkdir(parents=True, exist_ok=True)
-        self.shell(["cmake", *TREES[self.name], "-B", self.build, *COMMON])
+        self.shell(["cmake", *TREES[self.name], "-B", self.build, *COMMON, *self.precompile()])
         self.shell(["ninja", "-C", self.build, *self.wanted])
         for program in self.wanted:
             (self.programs[program],) = self.build.glob(f"tests/*/{program}")
             self.cases[program] = self.list_cases(program)
+
+    def precompile(self):
+        """What lets CMake compile the library's system headers once."""
+        headers = set()
+        for file in [*FILES, *self.source.glob("src/*.h"), *self.source.glob("include/*/*.h")]:
+            text = (self.source / file).read_text()
+            headers |= set(re.findall(r"^#include (<.*>)", text, re.M))
+        return [
+            f"-DCMAKE_PROJECT_INCLUDE={self.source}/tests/mutation/precompile.cmake",
+            f"-DLUMSO_MUTATION_HEADERS={';'.join(sorted(headers))}",
+        ]
 
     def check(self):
         """Lets every case pass on the unchanged sources."""
@@ -167,15 +179,18 @@ class Tree:
 
     def run(self, cases, seconds=None):
         """Runs cases until two fail, or one twice: on a busy machine a case may have
-        no luck. Returns the last, or None; notes what those that pass take."""
+        no luck. Returns the last, or None; notes what those that pass take.
+
+        The first case, and one that runs again, run alone: they are likely to settle it.
+        """
         shutil.rmtree(self.temporary, ignore_errors=True)
         self.temporary.mkdir()
-        waiting, running, failed = list(cases), [], None
+        waiting, running, failed, alone = list(cases), [], None, True
         try:
             while waiting or running:
                 if INTERRUPTED.is_set():
                     raise RuntimeError("interrupted")
-                while waiting and len(running) < PROCESSES:
+                while waiting and len(running) < (1 if alone else PROCESSES):
                     running.append(Run(self, waiting.pop(0)))
                 time.sleep(0.01)
                 for run in list(running):
@@ -183,6 +198,7 @@ class Tree:
                     if passes is None:
                         continue
                     running.remove(run)
+                    alone = not passes
                     if passes:
                         failed = None if failed == run.case else failed
                         if seconds is not None:

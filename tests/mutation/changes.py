@@ -217,7 +217,7 @@ class Source:
             n = self.text.count("\n", 0, mutant.start)
             old = " ".join(self.text[mutant.start : mutant.end].split())
             new = " ".join(mutant.text.split())
-            mutant.line, mutant.line_text = n + 1, lines[n].strip()
+            mutant.line, mutant.line_text = n + 1, re.sub(r"\s+// .*", "", lines[n]).strip()
             mutant.heading, mutant.function = heading[n], function[n]
             mutant.change = f'{old} -> {new or "(nothing)"}'
             seen[n, mutant.change] += 1
