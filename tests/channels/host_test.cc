@@ -102,7 +102,9 @@ class LiveHost {
  public:
   LiveHost() : process_(Start({"--plugin", kPlugin})) {}
   ~LiveHost() {
+    // The kill is another thread's work, which this process may not outlive.
     g_subprocess_force_exit(process_);
+    g_subprocess_wait(process_, nullptr, nullptr);
     g_object_unref(process_);
   }
   LiveHost(const LiveHost&) = delete;
