@@ -30,7 +30,9 @@ constexpr size_t kReadSize = 2048;
 constexpr int kRounds = 9;
 constexpr size_t kLatencySamples = 400;
 constexpr size_t kSlice = 4096;
-constexpr char kHandlerChannel[] = "bench/methods";
+// As long as the plug-in's, since the messenger copies names.
+constexpr char kHandlerChannel[] = "bench_bluetooth/methods";
+constexpr char kSourceChannel[] = "bench_bluetooth/read/1";
 
 // Encodes one chunk as the event that it becomes.
 BytesPtr EncodeChunk(FlMethodCodec* codec, const uint8_t* data, size_t count) {
@@ -55,7 +57,7 @@ class SourceReader {
  private:
   static FlEventChannel* NewChannel(Application* application) {
     g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
-    return fl_event_channel_new(application->messenger(), "bench/read/1",
+    return fl_event_channel_new(application->messenger(), kSourceChannel,
                                 FL_METHOD_CODEC(codec));
   }
 
