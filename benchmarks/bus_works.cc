@@ -11,6 +11,7 @@
 
 #include "benchmarks/application.h"
 #include "benchmarks/measure.h"
+#include "benchmarks/plain.h"
 #include "benchmarks/works.h"
 
 namespace lumso_bench {
@@ -73,10 +74,11 @@ int Rounds(size_t devices) {
   return static_cast<int>(std::clamp<size_t>(20000 / (devices + 1), 7, 200));
 }
 
-Subject CallSubject(Application* application, GBytes* message) {
-  return {"ours",
-          [application, message] {
-            if (application->Call(kMethods, message) == nullptr) {
+Subject CallSubject(const char* name, Application* application,
+                    const char* channel, GBytes* message) {
+  return {name,
+          [application, to = std::string(channel), message] {
+            if (application->Call(to, message) == nullptr) {
               g_error("no answer");
             }
             return size_t{1};
@@ -124,13 +126,14 @@ void MeasureBondOf(const Names& names, size_t devices, const char* address,
   const lumso_host::Envelope envelope =
       lumso_host::DecodeEnvelope(answer.get());
   if (fl_value_get_int(envelope.value.get()) != 12) g_error("not bonded");
-  Compare(Selected(names, {CallSubject(&application, message.get()),
-                           {"floor",
-                            [&floor] {
-                              floor();
-                              return size_t{1};
-                            },
-                            nullptr, nullptr}}),
+  Compare(Selected(names,
+                   {CallSubject("ours", &application, kMethods, message.get()),
+                    {"floor",
+                     [&floor] {
+                       floor();
+                       return size_t{1};
+                     },
+                     nullptr, nullptr}}),
           Rounds(devices));
 }
 
@@ -212,6 +215,7 @@ void SetDevices(const Names&, size_t count) {
 void MeasureList(const Names& names, size_t devices) {
   const BytesPtr message = Message("getDiscoveredDevices");
   Application application;
+  const PlainList plain(application.messenger(), Bus());
   if (names.count("ours") != 0) {
     application.Register();
     const BytesPtr answer = application.Call(kMethods, message.get());
@@ -220,24 +224,31 @@ void MeasureList(const Names& names, size_t devices) {
     if (fl_value_get_length(envelope.value.get()) != devices) {
       g_error("not all devices are listed");
     }
+    const BytesPtr other = application.Call(kPlainMethods, message.get());
+    if (!g_bytes_equal(answer.get(), other.get())) {
+      g_error("the plain program lists something else");
+    }
   }
-  Compare(Selected(names, {CallSubject(&application, message.get()),
-                           {"floor",
-                            [] {
-                              if (GetManagedObjects() == nullptr) g_error("no");
-                              return size_t{1};
-                            },
-                            nullptr, nullptr},
-                           {"object manager",
-                            [] {
-                              WalkObjectManager();
-                              return size_t{1};
-                            },
-                            nullptr,
-                            [] {
-                              while (g_main_context_iteration(nullptr, FALSE)) {
-                              }
-                            }}}),
+  Compare(Selected(
+              names,
+              {CallSubject("ours", &application, kMethods, message.get()),
+               CallSubject("plain", &application, kPlainMethods, message.get()),
+               {"floor",
+                [] {
+                  if (GetManagedObjects() == nullptr) g_error("no");
+                  return size_t{1};
+                },
+                nullptr, nullptr},
+               {"object manager",
+                [] {
+                  WalkObjectManager();
+                  return size_t{1};
+                },
+                nullptr,
+                [] {
+                  while (g_main_context_iteration(nullptr, FALSE)) {
+                  }
+                }}}),
           Rounds(devices));
 }
 

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <numeric>
+#include <random>
 
 namespace lumso_bench {
 namespace {
@@ -77,8 +79,12 @@ void Compare(const std::vector<Subject>& subjects, int rounds) {
     double longest = 0;
   };
   std::vector<Samples> samples(subjects.size());
+  std::vector<size_t> order(subjects.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  std::minstd_rand shuffler;
   for (int round = 0; round <= rounds; ++round) {
-    for (size_t i = 0; i < subjects.size(); ++i) {
+    std::shuffle(order.begin(), order.end(), shuffler);
+    for (const size_t i : order) {
       double wall = 0;
       double cpu = 0;
       const auto operations =

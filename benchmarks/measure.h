@@ -31,11 +31,12 @@ struct Subject {
   std::function<void()> finish;
 };
 
-// Runs each subject once to warm up and then `rounds` times, in turn. Reports
-// per subject, as medians per operation, "wall" and "cpu" in nanoseconds, and
-// "longest": the longest single run in nanoseconds. Under callgrind there are
-// no times; there the instructions of each subject go into a dump of its name,
-// and "operations" tells how many they were for.
+// Runs each subject once to warm up and then `rounds` times, in turn and in
+// another order each time: what runs before leaves its mark on caches and
+// allocator. Reports per subject, as medians per operation, "wall" and "cpu" in
+// nanoseconds, and "longest": the longest single run in nanoseconds. Under
+// callgrind there are no times; there the instructions of each subject go into
+// a dump of its name, and "operations" tells how many they were for.
 void Compare(const std::vector<Subject>& subjects, int rounds);
 
 // Watches how long the main loop goes without looking at its timers.

@@ -4,9 +4,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -61,19 +63,29 @@ DevicePair::~DevicePair() {
 
 void DevicePair::HandOver() { next_socket = std::exchange(local_, -1); }
 
+std::vector<uint8_t> DevicePair::Chunk(size_t size, size_t number) {
+  std::vector<uint8_t> chunk(size, 0x5a);
+  std::memcpy(chunk.data(), &number, std::min(size, sizeof(number)));
+  return chunk;
+}
+
 size_t DevicePair::Fill(size_t size, size_t count) const {
-  const std::vector<uint8_t> chunk(size, 0x5a);
   size_t filled = 0;
-  while (filled < count &&
-         send(device_, chunk.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+  while (filled < count && send(device_, Chunk(size, filled).data(), size,
+                                MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
     ++filled;
   }
   return filled;
 }
 
-void DevicePair::Drain() const {
+std::vector<uint8_t> DevicePair::Drain() const {
+  std::vector<uint8_t> drained;
   std::vector<uint8_t> scratch(1 << 16);
-  while (recv(device_, scratch.data(), scratch.size(), MSG_DONTWAIT) > 0) {
+  for (;;) {
+    const ssize_t count =
+        recv(device_, scratch.data(), scratch.size(), MSG_DONTWAIT);
+    if (count <= 0) return drained;
+    drained.insert(drained.end(), scratch.begin(), scratch.begin() + count);
   }
 }
 

@@ -8,6 +8,8 @@
 #define LUMSO_BLUETOOTH_BENCHMARKS_SOCKET_DOUBLE_H_
 
 #include <cstddef>
+#include <cstdint>
+#include <vector>
 
 namespace lumso_bench {
 
@@ -29,12 +31,15 @@ class DevicePair {
   // whoever asks for that.
   void HandOver();
 
+  // What the device writes as its chunk `number`, all of them different.
+  static std::vector<uint8_t> Chunk(size_t size, size_t number);
+
   // Writes chunks of `size` bytes until `count` are in the socket or no more
   // fit. Returns how many there are.
   size_t Fill(size_t size, size_t count) const;
 
-  // Reads away what was written to the device.
-  void Drain() const;
+  // Reads away what was written to the device, and returns it.
+  std::vector<uint8_t> Drain() const;
 
  private:
   int device_ = -1;

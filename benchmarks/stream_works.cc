@@ -16,6 +16,7 @@
 
 #include "benchmarks/application.h"
 #include "benchmarks/measure.h"
+#include "benchmarks/plain.h"
 #include "benchmarks/socket_double.h"
 #include "benchmarks/works.h"
 
@@ -27,10 +28,12 @@ using lumso_host::ValuePtr;
 
 constexpr size_t kChunks = 4000;
 constexpr size_t kReadSize = 2048;
-constexpr int kRounds = 9;
+constexpr int kRounds = 25;
 constexpr size_t kLatencySamples = 400;
 constexpr size_t kSlice = 4096;
-constexpr char kHandlerChannel[] = "bench/methods";
+// As long as the plug-in's, since the messenger copies names.
+constexpr char kHandlerChannel[] = "bench_bluetooth/methods";
+constexpr char kSourceChannel[] = "bench_bluetooth/read/1";
 
 // Encodes one chunk as the event that it becomes.
 BytesPtr EncodeChunk(FlMethodCodec* codec, const uint8_t* data, size_t count) {
@@ -55,7 +58,7 @@ class SourceReader {
  private:
   static FlEventChannel* NewChannel(Application* application) {
     g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
-    return fl_event_channel_new(application->messenger(), "bench/read/1",
+    return fl_event_channel_new(application->messenger(), kSourceChannel,
                                 FL_METHOD_CODEC(codec));
   }
 
@@ -78,6 +81,7 @@ class SourceReader {
 struct Stream {
   Application application;
   std::unique_ptr<DevicePair> pair;
+  std::unique_ptr<PlainReceive> plain;
   size_t chunks = 0;
   int id = 0;
 };
@@ -108,6 +112,17 @@ Subject OurReceive(Stream* stream, size_t bytes) {
       [stream] { stream->application.Disconnect(stream->id); });
 }
 
+Subject PlainReceiveOf(Stream* stream, size_t bytes) {
+  return ReceiveSubject(
+      "plain", stream, bytes,
+      [stream] {
+        stream->plain = std::make_unique<PlainReceive>(
+            stream->application.messenger(), stream->pair->local());
+        stream->application.AwaitEvents(stream->chunks);
+      },
+      [stream] { stream->plain.reset(); });
+}
+
 Subject FloorReceive(Stream* stream, size_t bytes) {
   return ReceiveSubject(
       "floor", stream, bytes,
@@ -133,6 +148,28 @@ Subject SourceReceive(Stream* stream, size_t bytes) {
         stream->application.AwaitEvents(stream->chunks);
       },
       nullptr);
+}
+
+// Runs the subject once, and ends the program unless its events are what the
+// device wrote.
+void CheckEvents(const Subject& subject, Stream* stream, size_t bytes) {
+  std::vector<BytesPtr> events;
+  stream->application.on_event = [&events](GBytes* event) {
+    events.emplace_back(g_bytes_ref(event));
+  };
+  subject.prepare();
+  subject.body();
+  stream->application.on_event = nullptr;
+  if (subject.finish) subject.finish();
+  g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
+  for (size_t i = 0; i < stream->chunks; ++i) {
+    const std::vector<uint8_t> chunk = DevicePair::Chunk(bytes, i);
+    const BytesPtr expected =
+        EncodeChunk(FL_METHOD_CODEC(codec), chunk.data(), chunk.size());
+    if (!g_bytes_equal(events.at(i).get(), expected.get())) {
+      g_error("%s: chunk %zu is not what was sent", subject.name.c_str(), i);
+    }
+  }
 }
 
 // The device sends the time in each chunk, and then waits.
@@ -170,6 +207,18 @@ class Ages {
   std::vector<double> ages_;
 };
 
+// Reports how old the device's times are in the events that they become.
+void MeasureAges(const std::string& subject, Application* application,
+                 const DevicePair& pair, size_t bytes) {
+  Ages ages;
+  application->on_event = [&ages](GBytes* event) { ages.Take(event); };
+  std::thread device(SendTimes, pair.device(), bytes);
+  application->AwaitEvents(kLatencySamples);
+  device.join();
+  application->on_event = nullptr;
+  ages.ReportFor(subject);
+}
+
 void WriteAll(int fd, const std::vector<uint8_t>& data, size_t slice) {
   for (size_t offset = 0; offset < data.size();) {
     const ssize_t written =
@@ -204,6 +253,18 @@ Subject WriteSubject(const std::string& name, const DevicePair* pair,
           nullptr, [pair] { pair->Drain(); }};
 }
 
+// Calls `channel` once, and ends the program unless the device gets `data` and
+// the application true.
+void CheckWrite(Application* application, const char* channel, GBytes* message,
+                const DevicePair& pair, const std::vector<uint8_t>& data) {
+  const BytesPtr answer = application->Call(channel, message);
+  const lumso_host::Envelope envelope =
+      lumso_host::DecodeEnvelope(answer.get());
+  if (!fl_value_get_bool(envelope.value.get()) || pair.Drain() != data) {
+    g_error("%s: write failed", channel);
+  }
+}
+
 }  // namespace
 
 void MeasureReceive(const Names& names, size_t bytes) {
@@ -211,9 +272,11 @@ void MeasureReceive(const Names& names, size_t bytes) {
   if (names.count("ours") != 0) stream.application.Register();
   std::vector<Subject> subjects;
   for (const Subject& subject :
-       {OurReceive(&stream, bytes), FloorReceive(&stream, bytes),
-        SourceReceive(&stream, bytes)}) {
-    if (names.count(subject.name) != 0) subjects.push_back(subject);
+       {OurReceive(&stream, bytes), PlainReceiveOf(&stream, bytes),
+        FloorReceive(&stream, bytes), SourceReceive(&stream, bytes)}) {
+    if (names.count(subject.name) == 0) continue;
+    if (subject.name != "floor") CheckEvents(subject, &stream, bytes);
+    subjects.push_back(subject);
   }
   Compare(subjects, kRounds);
   for (const Subject& subject : subjects) {
@@ -232,26 +295,21 @@ void MeasureLatency(const Names& names, size_t bytes) {
   Application application;
   if (names.count("ours") != 0) {
     application.Register();
-    Ages ages;
-    application.on_event = [&ages](GBytes* event) { ages.Take(event); };
     DevicePair pair;
     pair.HandOver();
     const int id = application.Connect();
-    std::thread device(SendTimes, pair.device(), bytes);
-    application.AwaitEvents(kLatencySamples);
-    device.join();
+    MeasureAges("ours", &application, pair, bytes);
     application.Disconnect(id);
-    ages.ReportFor("ours");
+  }
+  if (names.count("plain") != 0) {
+    const DevicePair pair;
+    const PlainReceive reader(application.messenger(), pair.local());
+    MeasureAges("plain", &application, pair, bytes);
   }
   if (names.count("GSource") != 0) {
-    Ages ages;
-    application.on_event = [&ages](GBytes* event) { ages.Take(event); };
     const DevicePair pair;
     const SourceReader reader(&application, pair.local());
-    std::thread device(SendTimes, pair.device(), bytes);
-    application.AwaitEvents(kLatencySamples);
-    device.join();
-    ages.ReportFor("GSource");
+    MeasureAges("GSource", &application, pair, bytes);
   }
   if (names.count("floor") != 0) {
     Ages ages;
@@ -272,7 +330,8 @@ void MeasureLatency(const Names& names, size_t bytes) {
 
 // Beside the floor: "slices" makes the plug-in's calls, of a size that the
 // kernel's RFCOMM can send at once, and "handler" is the plainest method
-// handler that writes the bytes it is given.
+// handler that writes the bytes it is given, in one call and wherever they are
+// meant for.
 void MeasureWrite(const Names& names, size_t bytes) {
   Application application;
   application.Register();
@@ -280,7 +339,9 @@ void MeasureWrite(const Names& names, size_t bytes) {
   DevicePair bare;
   ours.HandOver();
   const int id = application.Connect();
-  const std::vector<uint8_t> data(bytes, 0x5a);
+  const PlainWrite plain(application.messenger(), id, bare.local());
+  std::vector<uint8_t> data(bytes);
+  for (size_t i = 0; i < bytes; ++i) data[i] = static_cast<uint8_t>(i % 251);
   const BytesPtr message = Message(
       "write", {{"id", fl_value_new_int(id)},
                 {"bytes", fl_value_new_uint8_list(data.data(), bytes)}});
@@ -289,24 +350,25 @@ void MeasureWrite(const Names& names, size_t bytes) {
       application.messenger(), kHandlerChannel, FL_METHOD_CODEC(codec));
   fl_method_channel_set_method_call_handler(channel, WriteBytes, &bare,
                                             nullptr);
+  CheckWrite(&application, kMethods, message.get(), ours, data);
+  CheckWrite(&application, kPlainMethods, message.get(), bare, data);
+  CheckWrite(&application, kHandlerChannel, message.get(), bare, data);
+  const auto calling = [&](const char* target) {
+    return [&application, &message, to = std::string(target)] {
+      application.Call(to, message.get());
+    };
+  };
   std::vector<Subject> subjects;
   for (Subject& subject : std::vector<Subject>{
-           WriteSubject("ours", &ours, bytes,
-                        [&] { application.Call(kMethods, message.get()); }),
+           WriteSubject("ours", &ours, bytes, calling(kMethods)),
+           WriteSubject("plain", &bare, bytes, calling(kPlainMethods)),
            WriteSubject("floor", &bare, bytes,
                         [&] { WriteAll(bare.local(), data, bytes); }),
            WriteSubject("slices", &bare, bytes,
                         [&] { WriteAll(bare.local(), data, kSlice); }),
-           WriteSubject("handler", &bare, bytes, [&] {
-             application.Call(kHandlerChannel, message.get());
-           })}) {
+           WriteSubject("handler", &bare, bytes, calling(kHandlerChannel))}) {
     if (names.count(subject.name) != 0) subjects.push_back(std::move(subject));
   }
-  const BytesPtr answer = application.Call(kMethods, message.get());
-  const lumso_host::Envelope envelope =
-      lumso_host::DecodeEnvelope(answer.get());
-  if (!fl_value_get_bool(envelope.value.get())) g_error("write failed");
-  ours.Drain();
   Compare(subjects, 400);
   application.Disconnect(id);
 }

@@ -8,6 +8,7 @@
 #include <gio/gio.h>
 
 #include <array>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -26,12 +27,19 @@ struct Finding {
   const char* step = "";
   Verdict verdict = Verdict::kOk;
   std::vector<std::string> saw;
-  // The problem; without one, what the step makes likely.
+  // The problem's row, when it has one; without a problem, what the step makes
+  // likely.
   std::optional<Trouble> trouble;
 };
 
-// Turn a finding into one of these.
+// The step that runs, or whose finding is printed.
+inline std::atomic<const char*> current_step{"its beginning"};
+
+Finding BeginStep(const char* step);
+
+// Turn a finding into one of these; a problem without a row has a reason.
 Finding Problem(Finding finding, Trouble trouble);
+Finding Problem(Finding finding, const std::string& reason);
 Finding CannotTell(Finding finding, const std::string& reason);
 
 struct VariantUnref {
@@ -50,8 +58,9 @@ struct ConnectionUnref {
 struct BusAnswer {
   VariantPtr value;
   std::string error;
-  std::string message;
-  bool late = false;  // Nothing came in time.
+  std::string message;  // Of the error.
+  bool late = false;    // Nothing came in time.
+  bool absent = false;  // Nobody is there to ask.
 };
 
 // What the steps know of the machine, and hand on to later ones.
@@ -61,8 +70,11 @@ struct Patient {
   // Told before something is done that others can notice; may be empty.
   std::function<void(const std::string& text)> announce;
   gint64 deadline = 0;  // Monotonic time, in microseconds.
+  // The kernel's modules before the first socket, which may load them.
+  std::vector<std::string> modules;
   // The errno of making an RFCOMM socket; 0 when that works.
   int socket_error = 0;
+  std::vector<std::string> controllers;  // The kernel's, such as "hci0".
 
   // The step whose problem already explains that these do not work.
   const char* sockets_spoilt = nullptr;
@@ -76,7 +88,14 @@ struct Patient {
   std::string daemon_owner;  // The daemon's unique name; empty without one.
   BusAnswer objects;         // Of GetManagedObjects.
   std::string adapter;       // The object path of the one that is taken.
+  bool paired = false;       // The device with that adapter.
 };
+
+// Tells whether this process is confined as a Snap's.
+bool IsInSnap(const Patient& patient);
+
+// Tells a radio's name of a controller from one of the machine's own switch.
+bool IsController(const std::string& name);
 
 // Milliseconds until the deadline, at most `most`, at least 1.
 int TimeLeft(const Patient& patient, int most);
@@ -94,8 +113,9 @@ Finding ExamineGlib(Patient* patient);
 Finding ExamineDevice(Patient* patient);
 Finding ExamineStream(Patient* patient);
 
-// Judges a version of GLib; for ExamineGlib.
-Finding JudgeGlib(unsigned major, unsigned minor, unsigned micro);
+// Judges a version of GLib where it cannot be tried; for ExamineGlib.
+Finding JudgeGlib(Finding finding, unsigned major, unsigned minor,
+                  unsigned micro);
 
 // How the names of the devices begin that the prober asks.
 inline constexpr std::array<std::string_view, 5> kProbedNamePrefixes = {

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -47,8 +46,9 @@ std::string FirstLine(const std::string& path) {
 std::vector<std::string> Names(const std::string& folder, const char* start) {
   std::vector<std::string> names;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-    const std::string name = entry.path().filename().string();
+  std::filesystem::directory_iterator entry(folder, error);
+  for (; entry != end(entry); entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
     if (name.rfind(start, 0) == 0) names.push_back(name);
   }
   std::sort(names.begin(), names.end());
@@ -82,18 +82,15 @@ std::vector<Switch> Switches(const Patient& patient) {
 }
 
 // A controller that is not blocked may be the one that matters; a switch of the
-// machine itself takes controllers away.
+// machine itself is only that of the controller built in.
 bool IsRadioBlocked(const std::vector<Switch>& switches) {
-  size_t controllers = 0;
-  size_t blocked = 0;
+  bool blocked = false;
   for (const Switch& radio : switches) {
-    const bool controller = radio.name.rfind("hci", 0) == 0;
     const bool off = radio.soft || radio.hard;
-    if (off && !controller) return true;
-    if (controller) ++controllers;
-    if (controller && off) ++blocked;
+    if (!off && IsController(radio.name)) return false;
+    blocked |= off;
   }
-  return controllers > 0 && blocked == controllers;
+  return blocked;
 }
 
 enum class Namespace { kFirst, kOther, kUnknown };
@@ -125,11 +122,11 @@ bool HasWord(GKeyFile* file, const char* group, const char* key,
 
 // Looks at what a Flatpak application was granted.
 Finding ExamineFlatpak(Finding finding, GKeyFile* info, Patient* patient) {
-  g_autofree gchar* policy =
-      g_key_file_get_string(info, "System Bus Policy", "org.bluez", nullptr);
-  const bool bus = HasWord(info, "Context", "sockets", "system-bus") ||
-                   g_strcmp0(policy, "talk") == 0 ||
-                   g_strcmp0(policy, "own") == 0;
+  bool bus = HasWord(info, "Context", "sockets", "system-bus");
+  for (const char* name : {"org.bluez", "org.bluez.*"}) {
+    for (const char* grant : {"talk", "own"})
+      bus |= HasWord(info, "System Bus Policy", name, grant);
+  }
   const bool network = HasWord(info, "Context", "shared", "network");
   const bool sockets = HasWord(info, "Context", "features", "bluetooth");
   finding.saw.push_back(std::string("a Flatpak sandbox, ") +
@@ -153,8 +150,8 @@ int OpenSocket() {
 }
 
 struct Connected {
-  int error = 0;  // errno; 0 when connected.
-  bool late = false;
+  int error = 0;      // errno; 0 when connected.
+  int waited_ms = 0;  // When no answer came in that time.
 };
 
 // Connects without blocking, so that nothing here can outlast the deadline.
@@ -165,24 +162,24 @@ Connected ConnectWithin(int fd, const sockaddr_rc& remote, int limit_ms) {
       0) {
     return {};
   }
-  if (errno != EINPROGRESS && errno != EINTR) return {errno, false};
+  if (errno != EINPROGRESS && errno != EINTR) return {errno};
   for (;;) {
     const gint64 left = (end - g_get_monotonic_time()) / 1000;
-    if (left <= 0) return {ETIMEDOUT, true};
+    if (left <= 0) return {ETIMEDOUT, limit_ms};
     pollfd wait = {fd, POLLOUT, 0};
     const int ready = poll(&wait, 1, static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) return {errno, false};
+    if (ready < 0 && errno != EINTR) return {errno};
     if (ready > 0) break;
   }
   int error = 0;
   socklen_t size = sizeof(error);
-  getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
-  return {error, false};
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return {errno};
+  return {error};
 }
 
-// Opens channel 1 of the device and closes it. A channel that was let go of
-// just now is busy for some milliseconds yet.
-Connected OpenOnce(const Patient& patient) {
+// Opens channel 1 of the device and closes it; nothing without a socket. A
+// channel that was let go of just now is busy for some milliseconds yet.
+std::optional<Connected> OpenOnce(const Patient& patient) {
   sockaddr_rc remote = {};
   remote.rc_family = AF_BLUETOOTH;
   remote.rc_channel = kChannel;
@@ -190,7 +187,7 @@ Connected OpenOnce(const Patient& patient) {
   const gint64 closed_by = g_get_monotonic_time() + kClosingUs;
   for (;;) {
     const int fd = OpenSocket();
-    if (fd < 0) return {errno, false};
+    if (fd < 0) return std::nullopt;
     const Connected result =
         ConnectWithin(fd, remote, TimeLeft(patient, kConnectMs));
     close(fd);
@@ -212,6 +209,7 @@ std::optional<Trouble> TroubleOfConnect(int error) {
     case EBUSY:
       return Trouble::kBusy;
     case EACCES:
+    case EBADE:
       return Trouble::kNotAuthenticated;
     case ETIMEDOUT:
       return Trouble::kNoAnswer;
@@ -222,9 +220,22 @@ std::optional<Trouble> TroubleOfConnect(int error) {
 
 }  // namespace
 
+Finding BeginStep(const char* step) {
+  current_step = step;
+  Finding finding;
+  finding.step = step;
+  return finding;
+}
+
 Finding Problem(Finding finding, Trouble trouble) {
   finding.verdict = Verdict::kProblem;
   finding.trouble = trouble;
+  return finding;
+}
+
+Finding Problem(Finding finding, const std::string& reason) {
+  finding.verdict = Verdict::kProblem;
+  finding.saw.push_back(reason);
   return finding;
 }
 
@@ -234,16 +245,30 @@ Finding CannotTell(Finding finding, const std::string& reason) {
   return finding;
 }
 
+bool IsController(const std::string& name) { return name.rfind("hci", 0) == 0; }
+
 int TimeLeft(const Patient& patient, int most) {
   const gint64 left = (patient.deadline - g_get_monotonic_time()) / 1000;
   return static_cast<int>(std::clamp<gint64>(left, 1, most));
 }
 
+// The environment says it of everything that a Snap's program has started, and
+// not every Snap is confined.
+bool IsInSnap(const Patient& patient) {
+  const std::string profile =
+      FirstLine(patient.root + "/proc/self/attr/current");
+  return profile.rfind("snap.", 0) == 0 &&
+         profile.find(" (enforce)") != std::string::npos;
+}
+
 Finding ExamineProcess(Patient* patient) {
-  Finding finding;
-  finding.step = "this process";
+  Finding finding = BeginStep("this process");
   finding.saw.push_back("user " + UserName());
 
+  for (const char* module : {"bluetooth", "rfcomm"}) {
+    if (Exists(patient->root + "/sys/module/" + module))
+      patient->modules.push_back(module);
+  }
   const int fd = OpenSocket();
   patient->socket_error = fd < 0 ? errno : 0;
   if (fd >= 0) close(fd);
@@ -254,9 +279,8 @@ Finding ExamineProcess(Patient* patient) {
     g_key_file_load_from_file(info, flatpak.c_str(), G_KEY_FILE_NONE, nullptr);
     finding = ExamineFlatpak(std::move(finding), info, patient);
     if (finding.verdict == Verdict::kProblem) return finding;
-  } else if (const char* snap = std::getenv("SNAP")) {
-    finding.saw.push_back(std::string("a Snap (") + snap +
-                          "): its bluez interface must be connected");
+  } else if (IsInSnap(*patient)) {
+    finding.saw.push_back("a Snap: its bluez interface must be connected");
   } else {
     finding.saw.push_back("no Flatpak or Snap sandbox");
   }
@@ -267,9 +291,8 @@ Finding ExamineProcess(Patient* patient) {
       return finding;
     case Namespace::kOther:
       finding.saw.push_back(
-          "a network namespace of its own, in which the kernel has no "
-          "Bluetooth "
-          "sockets");
+          "a network namespace of its own, or a service's restriction, in "
+          "which the kernel has no Bluetooth sockets");
       patient->sockets_spoilt = finding.step;
       return Problem(std::move(finding), Trouble::kNoSockets);
     case Namespace::kUnknown:
@@ -281,12 +304,21 @@ Finding ExamineProcess(Patient* patient) {
 }
 
 Finding ExamineKernel(Patient* patient) {
-  Finding finding;
-  finding.step = "kernel";
+  Finding finding = BeginStep("kernel");
+  const auto& before = patient->modules;
   for (const char* module : {"bluetooth", "rfcomm"}) {
-    const bool there = Exists(patient->root + "/sys/module/" + module);
+    const bool loaded = Exists(patient->root + "/sys/module/" + module);
+    const bool was =
+        std::find(before.begin(), before.end(), module) != before.end();
     finding.saw.push_back(std::string("module ") + module +
-                          (there ? " loaded" : " not loaded"));
+                          (!loaded ? " not loaded"
+                           : was   ? " loaded"
+                                   : " loaded when it was asked for"));
+  }
+  for (const std::string& name :
+       Names(patient->root + "/sys/class/bluetooth", "hci")) {
+    if (name.find(':') == std::string::npos)  // Or else a connection.
+      patient->controllers.push_back(name);
   }
   if (patient->sockets_spoilt != nullptr) {
     return CannotTell(std::move(finding),
@@ -310,21 +342,16 @@ Finding ExamineKernel(Patient* patient) {
     default:
       return CannotTell(std::move(finding), "an error of its own kind");
   }
-  size_t controllers = 0;
-  for (const std::string& name :
-       Names(patient->root + "/sys/class/bluetooth", "hci")) {
-    if (name.find(':') != std::string::npos) continue;  // a connection
+  for (const std::string& name : patient->controllers) {
     finding.saw.push_back("controller " + name);
-    ++controllers;
   }
-  if (controllers > 0) return finding;
+  if (!patient->controllers.empty()) return finding;
   return CannotTell(std::move(finding),
                     "no controller in /sys/class/bluetooth: see adapter");
 }
 
 Finding ExamineRadio(Patient* patient) {
-  Finding finding;
-  finding.step = "radio switch";
+  Finding finding = BeginStep("radio switch");
   const std::vector<Switch> switches = Switches(*patient);
   for (const Switch& radio : switches) {
     finding.saw.push_back(radio.name +
@@ -340,31 +367,8 @@ Finding ExamineRadio(Patient* patient) {
   return Problem(std::move(finding), Trouble::kBlocked);
 }
 
-Finding ExamineGlib(Patient*) {
-  return JudgeGlib(glib_major_version, glib_minor_version, glib_micro_version);
-}
-
-// Since 2.78.5, 2.80.1 and 2.81 a signal counts only when the owner of the name
-// sent it (CVE-2024-34397).
-Finding JudgeGlib(unsigned major, unsigned minor, unsigned micro) {
-  Finding finding;
-  finding.step = "GLib";
-  finding.saw.push_back("version " + std::to_string(major) + "." +
-                        std::to_string(minor) + "." + std::to_string(micro));
-  const bool fixed = major > 2 || (major == 2 && minor >= 81) ||
-                     (major == 2 && minor == 80 && micro >= 1) ||
-                     (major == 2 && minor == 78 && micro >= 5);
-  if (fixed) return finding;
-  return CannotTell(
-      std::move(finding),
-      "older than the fix of 2024 (2.78.5, 2.80.1) against signals with a "
-      "forged sender; distributions carry it in older versions too, Debian 12 "
-      "since 2.74.6-2+deb12u2, which the number does not show");
-}
-
 Finding ExamineStream(Patient* patient) {
-  Finding finding;
-  finding.step = "stream";
+  Finding finding = BeginStep("stream");
   for (const char* spoilt :
        {patient->address_spoilt, patient->sockets_spoilt, patient->bus_spoilt,
         patient->daemon_spoilt, patient->adapter_spoilt}) {
@@ -373,22 +377,38 @@ Finding ExamineStream(Patient* patient) {
                         std::string("not tried: see ") + spoilt);
   }
   if (patient->announce) {
-    patient->announce("opening channel 1 of " + patient->address +
-                      " once, and closing it");
+    patient->announce(
+        "opening channel 1 of " + patient->address + " once, and closing it" +
+        (patient->paired ? ""
+                         : "; it is not paired, so that may begin a pairing"));
   }
   const gint64 began = g_get_monotonic_time();
-  const Connected result = OpenOnce(*patient);
-  if (result.error == 0) {
+  const auto result = OpenOnce(*patient);
+  if (!result) {
+    return CannotTell(std::move(finding),
+                      std::string("socket: ") + std::strerror(errno));
+  }
+  if (result->error == 0) {
     finding.saw.push_back("channel 1 opened after " + Milliseconds(began));
     return finding;
   }
-  finding.saw.push_back((result.late
-                             ? std::string("no answer")
-                             : std::string(std::strerror(result.error))) +
-                        " after " + Milliseconds(began));
-  const auto trouble = TroubleOfConnect(result.error);
-  if (!trouble)
-    return CannotTell(std::move(finding), "an error of its own kind");
+  const bool late = result->waited_ms > 0;
+  finding.saw.push_back((late ? "no answer" : std::strerror(result->error)) +
+                        (" after " + Milliseconds(began)));
+  if (late && result->waited_ms < kConnectMs)
+    return CannotTell(std::move(finding), "no time was left to wait for it");
+  const auto trouble = TroubleOfConnect(result->error);
+  if (!trouble) return Problem(std::move(finding), "an error of its own kind");
+  if (trouble == Trouble::kRefused && patient->paired) {
+    finding.saw.push_back(
+        "this machine holds a bond; if the device lost its own, that can look "
+        "the same");
+  } else if (trouble == Trouble::kNotAuthenticated && !patient->paired) {
+    finding.saw.push_back("it is not paired: pair it first");
+  } else if (trouble == Trouble::kNoAnswer && !patient->paired) {
+    finding.saw.push_back(
+        "it is not paired: somebody there may have been asked to agree");
+  }
   return Problem(std::move(finding), *trouble);
 }
 

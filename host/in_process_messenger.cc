@@ -271,6 +271,7 @@ bool in_process_messenger_has_handler(InProcessMessenger* messenger,
 std::vector<std::string> in_process_messenger_get_channels(
     InProcessMessenger* messenger) {
   std::vector<std::string> channels;
+  channels.reserve(messenger->state->handlers.size());
   for (const auto& [channel, handler] : messenger->state->handlers) {
     channels.push_back(channel);
   }

@@ -67,8 +67,9 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     } else if (argument == "--plugin" && i + 1 < argc && *argv[i + 1] != '\0') {
       options->plugin = argv[++i];
     } else {
-      std::fprintf(stderr, "lumso_host: wrong argument: %s (see --help)\n",
-                   argument.c_str());
+      std::fprintf(stderr, "lumso_host: wrong argument: %s (%s)\n",
+                   argument.c_str(),
+                   argument == "doctor" ? "it comes first" : "see --help");
       return false;
     }
   }

@@ -12,6 +12,7 @@ namespace lumso_host {
 enum class Trouble {
   kNoAdapter,
   kNoBus,
+  kBusRefuses,
   kBusSilent,
   kDenied,
   kNoDaemon,
@@ -34,9 +35,10 @@ enum class Trouble {
   kBusy,
 };
 
-// The three cells of a row, in Markdown.
+// A name for programs and the three cells of a row, in Markdown.
 struct TroubleRow {
   Trouble trouble;
+  const char* name;
   const char* see;
   const char* means;
   const char* remedy;

@@ -567,7 +567,7 @@ TEST_F(Dispose, WithoutAnAdapterInManyRoundsLeaksNothing) {
   StartDaemon();
   const std::vector<std::string> connections = bus->OtherConnections();
   const auto is_alone = [&] { return bus->OtherConnections() == connections; };
-  { PluginHost warm_up; }
+  std::make_unique<PluginHost>().reset();  // Warms up.
   ASSERT_TRUE(WaitUntil(is_alone));
   const size_t descriptors = CountDescriptors();
   for (int i = 0; i < 20; i++) PluginHost plugin;

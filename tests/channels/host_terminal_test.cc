@@ -413,9 +413,11 @@ TEST_F(HostTerminal, HasNoColoursWithNoColor) {
 // Without a bus, wherever this runs.
 constexpr char kDoctor[] =
     "env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere " LUMSO_HOST " doctor";
+const std::map<std::string, std::string> kWithMarks = {{"TERM", "xterm"},
+                                                       {"LC_ALL", "C.UTF-8"}};
 
 TEST_F(HostTerminal, MarksWhatTheDoctorFindsInColour) {
-  Start(kDoctor);
+  Start(kDoctor, kWithMarks);
   EXPECT_EQ(WaitForEnd(), 1);
   EXPECT_NE(raw().find("\x1b[31m✘ problem      \x1b[0mbus: "),
             std::string::npos)
@@ -423,9 +425,19 @@ TEST_F(HostTerminal, MarksWhatTheDoctorFindsInColour) {
 }
 
 TEST_F(HostTerminal, MarksWhatTheDoctorFindsWithNoColor) {
-  Start(kDoctor, {{"TERM", "xterm"}, {"NO_COLOR", "1"}});
+  Environment environment = kWithMarks;
+  environment["NO_COLOR"] = "1";
+  Start(kDoctor, environment);
   EXPECT_EQ(WaitForEnd(), 1);
   EXPECT_NE(raw().find("\n✘ problem      bus: "), std::string::npos) << raw();
+}
+
+TEST_F(HostTerminal, MarksNothingThatTheTerminalCannotShow) {
+  Start(kDoctor, {{"TERM", "xterm"}, {"LC_ALL", "C"}});
+  EXPECT_EQ(WaitForEnd(), 1);
+  EXPECT_NE(raw().find("\n\x1b[31mproblem      \x1b[0mbus: "),
+            std::string::npos)
+      << raw();
 }
 
 TEST_F(HostTerminal, LeavesTheDoctorsJsonPlain) {

@@ -102,7 +102,9 @@ class LiveHost {
  public:
   LiveHost() : process_(Start({"--plugin", kPlugin})) {}
   ~LiveHost() {
+    // The kill is another thread's work, which this process may not outlive.
     g_subprocess_force_exit(process_);
+    g_subprocess_wait(process_, nullptr, nullptr);
     g_object_unref(process_);
   }
   LiveHost(const LiveHost&) = delete;
@@ -536,6 +538,12 @@ TEST(HostStart, RefusesWrongArguments) {
     EXPECT_EQ(outcome.lines, Lines{});
     EXPECT_NE(outcome.errors.find("wrong argument"), std::string::npos);
   }
+}
+
+TEST(HostStart, SaysWhereTheDoctorStands) {
+  const Outcome outcome = RunWith({"--json", "doctor"});
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_NE(outcome.errors.find("doctor (it comes first)"), std::string::npos);
 }
 
 TEST(HostStart, RefusesAPluginThatCannotBeLoaded) {

@@ -12,11 +12,11 @@ import shutil
 import tool
 
 # What the plug-in may need at run time: the engine, GLib, BlueZ's library and
-# the compiler's own.
+# the compiler's own. Before glibc 2.34 threads were a library beside libc.
 NEEDED = {
     'libflutter_linux_gtk.so', 'libgio-2.0.so.0', 'libgobject-2.0.so.0',
     'libglib-2.0.so.0', 'libbluetooth.so.3', 'libstdc++.so.6', 'libm.so.6',
-    'libgcc_s.so.1', 'libc.so.6'}
+    'libgcc_s.so.1', 'libc.so.6', 'libpthread.so.0'}
 
 APPLICATION = pathlib.Path(__file__).resolve().parent / 'application'
 

@@ -32,11 +32,13 @@ void Free(gpointer user_data) { delete static_cast<HandOver*>(user_data); }
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) guint g_idle_add(
-    GSourceFunc function, gpointer data) {
+extern "C" {
+__attribute__((visibility("default"))) guint g_idle_add(GSourceFunc function,
+                                                        gpointer data) {
   auto* hand_over = new HandOver{function, data};
   __tsan_release(hand_over);
   return g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, Run, hand_over, Free);
 }
+}  // extern "C"
 
 #endif  // LUMSO_THREAD_SANITIZER

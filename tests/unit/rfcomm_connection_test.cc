@@ -1200,7 +1200,7 @@ TEST(RfcommConnectionDestructor, DoesTheWorkOfClose) {
 
 TEST(RfcommConnectionDestructor, DoesNothingOnAFreshObject) {
   FakeRfcomm fake;
-  { RfcommConnection connection; }
+  std::make_unique<RfcommConnection>().reset();
   EXPECT_TRUE(fake.calls().empty());
 }
 
