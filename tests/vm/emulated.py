@@ -92,9 +92,10 @@ class Emulated(Story):
                 return state
         return None
 
-    def is_asleep_in(self, function):
-        """Whether the host's main thread sleeps in this function of the kernel."""
-        return pathlib.Path(f"/proc/{self.host.process.pid}/wchan").read_text() == function
+    def is_asleep_in(self, *functions):
+        """Whether the host's main thread sleeps in one of these functions of the kernel."""
+        asleep_in = pathlib.Path(f"/proc/{self.host.process.pid}/wchan").read_text()
+        return asleep_in.startswith(functions)
 
     def knows_device(self):
         return any(
