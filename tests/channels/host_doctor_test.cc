@@ -93,6 +93,7 @@ TEST(DoctorTable, HasEveryRowThatAMachineShows) {
       "| still true although",
       "| it is available, but `getAddress` is another adapter's",  // Always
                                                                    // told.
+      "| ° `… failed: Software caused",        // Gone a moment later.
       "| the right reason, but 30 s late",     // The doctor does not wait so.
       "| the same, right after `disconnect`",  // It tries again by itself.
       "| ° the same, now and then, and only once `setAuthSecret`",

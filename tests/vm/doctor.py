@@ -22,8 +22,8 @@ from gi.repository import GLib
 from bluez import ADAPTER, DEVICE
 from programs import Peer, show
 from story import PEER_NAME, SECRET, check, play
-from emulated import slow_controllers
-from trouble import ABSENT, Trouble
+from emulated import silent_controller, slow_controllers
+from trouble import Trouble
 
 CHANNEL = 1
 POLICY = pathlib.Path("/etc/dbus-1/system.d/doctor.conf")
@@ -153,7 +153,8 @@ class Doctor(Trouble):
         self.bluez.forget(self.peer_adapter, self.own_address)
         self.peer.end()
         self.finds("Nobody listens", "stream", "nothing listens", self.device)
-        self.finds("Nobody has the address", "stream", "out of range", ABSENT)
+        with silent_controller() as absent:
+            self.finds("Nobody has the address", "stream", "out of range", absent)
         self.finds("No address", "device", "six hexadecimal pairs", "01:23")
 
     def idle(self):
