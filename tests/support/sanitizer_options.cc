@@ -2,14 +2,6 @@
 // variables in the environment still come first. Without a sanitizer nobody
 // calls these.
 
-#include <cstdlib>
-
-// A program that a test starts, such as lumso_host, has them from the
-// environment.
-[[maybe_unused]] static const int kInherited =
-    setenv("TSAN_OPTIONS", "suppressions='" LUMSO_TSAN_SUPPRESSIONS "'",
-           /*overwrite=*/0);
-
 extern "C" {
 
 __attribute__((visibility("default"))) const char* __asan_default_options() {
