@@ -95,6 +95,9 @@ class Doctor(Trouble):
         self.peer = Peer(str(script), self.device, SECRET, -57)
 
     def start(self):
+        # The checkout may lie in a home folder that is closed to other users.
+        for folder in pathlib.Path(self.options.host).resolve().parents:
+            folder.chmod(folder.stat().st_mode | 0o011)
         with self.step("The stack is up; the other adapter plays the device"):
             adapters = self.bluez.ready_adapters(2)
             (self.own_adapter, own), (self.peer_adapter, other) = adapters.items()
