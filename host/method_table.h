@@ -1,5 +1,5 @@
 // What the plug-in's methods take and give: the one table that the host's help,
-// its completion and docs/channels.md come from.
+// its completion and doc/channels.md come from.
 
 #ifndef LUMSO_BLUETOOTH_HOST_METHOD_TABLE_H_
 #define LUMSO_BLUETOOTH_HOST_METHOD_TABLE_H_

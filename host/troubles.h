@@ -1,5 +1,5 @@
 // What can be wrong with Bluetooth on a machine and be seen without an
-// application: rows of docs/troubleshooting.md, which a test compares.
+// application: rows of doc/troubleshooting.md, which a test compares.
 
 #ifndef LUMSO_BLUETOOTH_HOST_TROUBLES_H_
 #define LUMSO_BLUETOOTH_HOST_TROUBLES_H_

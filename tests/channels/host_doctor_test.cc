@@ -55,7 +55,7 @@ std::string MarkdownRow(const TroubleRow& row) {
 Lines RowsOfThePage() {
   Lines rows;
   for (const std::string& line :
-       SplitLines(ReadFile("docs/troubleshooting.md"))) {
+       SplitLines(ReadFile("doc/troubleshooting.md"))) {
     if (line.rfind("| ", 0) == 0 && line.rfind("| You see", 0) != 0)
       rows.push_back(line);
   }
@@ -116,7 +116,7 @@ TEST(DoctorTable, HasEveryRowThatAMachineShows) {
   size_t passed_over = 0;
   std::string section;
   for (const std::string& line :
-       SplitLines(ReadFile("docs/troubleshooting.md"))) {
+       SplitLines(ReadFile("doc/troubleshooting.md"))) {
     if (line.rfind("## ", 0) == 0) section = line;
     if (section != "## Nothing is available" && section != "## Discovery" &&
         section != "## Pairing" && section != "## Connecting") {

@@ -144,13 +144,13 @@ TEST(MethodTable, HasExamplesThatFitTheirArguments) {
 }
 
 TEST(MethodTable, IsTheOneInTheDocument) {
-  const std::string document = ReadFile("docs/channels.md");
+  const std::string document = ReadFile("doc/channels.md");
   const std::string table = lumso_host::MethodTableMarkdown();
   const size_t start = document.find("| Method | Arguments |");
   ASSERT_NE(start, std::string::npos);
   EXPECT_EQ(document.substr(start, document.find("\n\n", start) + 1 - start),
             table)
-      << "docs/channels.md must show this table:\n"
+      << "doc/channels.md must show this table:\n"
       << table;
 }
 

@@ -11,7 +11,7 @@ import yaml
 
 # What an application's build needs and what its developer reads. The host is
 # there for the plug-in's own test in an application's build.
-FOLDERS = {'docs', 'example', 'host', 'include', 'lib', 'linux', 'src'}
+FOLDERS = {'doc', 'example', 'host', 'include', 'lib', 'linux', 'src'}
 FILES = {'CHANGELOG.md', 'LICENSE', 'README.md', 'pubspec.yaml'}
 HOST_FILES = {'channel_codec.cc', 'channel_codec.h',
               'in_process_messenger.cc', 'in_process_messenger.h'}

@@ -33,7 +33,7 @@ function dartFiles(folder = '') {
 
 const read = (name) => fs.readFileSync(path.join(root, name), 'utf8');
 const files = new Map(dartFiles().map((name) => [name, parse(read(name))]));
-const pages = ['README.md', 'docs/dart.md'];
+const pages = ['README.md', 'doc/dart.md'];
 const blocks = pages.flatMap((page) =>
   dartBlocks(read(page)).map((block) => ({ page, ...block, tree: parse(block.source) })));
 
@@ -166,7 +166,7 @@ function checkCalls(name, methods) {
 
 // The library uses every name of the channels' page, and no other.
 function checkNames() {
-  const page = readChannelsPage(read('docs/channels.md'));
+  const page = readChannelsPage(read('doc/channels.md'));
   check(page.methods.size > 20 && page.keys.size > 8 && page.kinds.length > 1,
       "the tables of the channels' page were not found");
   const known = new Set([

@@ -33,7 +33,7 @@ const answerTypes = {
   'list of device maps': 'List<Object?>',
 };
 
-// Returns what docs/channels.md lays down: channels, methods with their
+// Returns what doc/channels.md lays down: channels, methods with their
 // arguments and the Dart type of their answer, keys of maps, kinds of event and
 // error codes.
 export function readChannelsPage(page) {
