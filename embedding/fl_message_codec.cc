@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <limits>
+#include <utility>
 #include <vector>
 
 // The type bytes of the standard message codec.
@@ -251,7 +252,7 @@ static FlValue* ReadList(FlStandardMessageCodec* codec, GBytes* buffer,
     }
     fl_value_append_take(list, child);
   }
-  return g_steal_pointer(&list);
+  return std::exchange(list, nullptr);
 }
 
 static FlValue* ReadMap(FlStandardMessageCodec* codec, GBytes* buffer,
@@ -275,7 +276,7 @@ static FlValue* ReadMap(FlStandardMessageCodec* codec, GBytes* buffer,
     }
     fl_value_set(map, key, value);
   }
-  return g_steal_pointer(&map);
+  return std::exchange(map, nullptr);
 }
 
 static gboolean fl_standard_message_codec_real_write_value(
@@ -401,7 +402,7 @@ static GBytes* fl_standard_message_codec_encode_message(FlMessageCodec* codec,
                                              buffer, message, error)) {
     return nullptr;
   }
-  return g_byte_array_free_to_bytes(g_steal_pointer(&buffer));
+  return g_byte_array_free_to_bytes(std::exchange(buffer, nullptr));
 }
 
 static FlValue* fl_standard_message_codec_decode_message(FlMessageCodec* codec,
@@ -424,7 +425,7 @@ static FlValue* fl_standard_message_codec_decode_message(FlMessageCodec* codec,
                 size - offset);
     return nullptr;
   }
-  return g_steal_pointer(&value);
+  return std::exchange(value, nullptr);
 }
 
 static void fl_message_codec_class_init(FlMessageCodecClass*) {}

@@ -1,5 +1,7 @@
 // FlMethodChannel and FlMethodCall.
 
+#include <utility>
+
 #include "fl_method_codec_private.h"
 
 struct _FlMethodCall {
@@ -103,14 +105,14 @@ static void ReplyCb(GObject* object, GAsyncResult* result, gpointer user_data) {
   g_autoptr(GBytes) reply = fl_binary_messenger_send_on_channel_finish(
       FL_BINARY_MESSENGER(object), result, &error);
   if (error != nullptr) {
-    g_task_return_error(task, g_steal_pointer(&error));
+    g_task_return_error(task, std::exchange(error, nullptr));
     return;
   }
   FlMethodChannel* self = FL_METHOD_CHANNEL(g_task_get_source_object(task));
   FlMethodResponse* response =
       fl_method_codec_decode_response(self->codec, reply, &error);
   if (response == nullptr) {
-    g_task_return_error(task, g_steal_pointer(&error));
+    g_task_return_error(task, std::exchange(error, nullptr));
   } else {
     g_task_return_pointer(task, response, g_object_unref);
   }

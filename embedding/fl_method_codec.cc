@@ -1,5 +1,7 @@
 // FlMethodCodec and FlStandardMethodCodec.
 
+#include <utility>
+
 #include "fl_method_codec_private.h"
 
 // The first byte of an answer.
@@ -66,7 +68,7 @@ static GBytes* fl_standard_method_codec_encode_method_call(FlMethodCodec* codec,
       !WriteValue(codec, buffer, args, error)) {
     return nullptr;
   }
-  return g_byte_array_free_to_bytes(g_steal_pointer(&buffer));
+  return g_byte_array_free_to_bytes(std::exchange(buffer, nullptr));
 }
 
 static gboolean fl_standard_method_codec_decode_method_call(
@@ -86,7 +88,7 @@ static gboolean fl_standard_method_codec_decode_method_call(
     return FALSE;
   }
   *name = g_strdup(fl_value_get_string(name_value));
-  *args = g_steal_pointer(&args_value);
+  *args = std::exchange(args_value, nullptr);
   return TRUE;
 }
 
@@ -97,7 +99,7 @@ static GBytes* fl_standard_method_codec_encode_success_envelope(
   if (!WriteValue(codec, buffer, result, error)) {
     return nullptr;
   }
-  return g_byte_array_free_to_bytes(g_steal_pointer(&buffer));
+  return g_byte_array_free_to_bytes(std::exchange(buffer, nullptr));
 }
 
 static GBytes* fl_standard_method_codec_encode_error_envelope(
@@ -110,7 +112,7 @@ static GBytes* fl_standard_method_codec_encode_error_envelope(
       !WriteValue(codec, buffer, details, error)) {
     return nullptr;
   }
-  return g_byte_array_free_to_bytes(g_steal_pointer(&buffer));
+  return g_byte_array_free_to_bytes(std::exchange(buffer, nullptr));
 }
 
 static FlMethodResponse* DecodeSuccess(FlMethodCodec* codec, GBytes* message,

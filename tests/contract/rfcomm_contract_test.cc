@@ -116,7 +116,8 @@ timeval Timeout(int fd, int option) {
 }
 
 void SetSendLimit(int fd, milliseconds limit) {
-  const timeval time = {limit.count() / 1000, limit.count() % 1000 * 1000};
+  const timeval time = {static_cast<time_t>(limit.count() / 1000),
+                        static_cast<suseconds_t>(limit.count() % 1000 * 1000)};
   EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof(time)), 0);
 }
 

@@ -29,7 +29,7 @@ struct Device {
 std::string AddressOf(size_t number) {
   char text[18];
   std::snprintf(text, sizeof(text), "AA:BB:CC:DD:%02X:%02X",
-                static_cast<unsigned>(number / 256),
+                static_cast<unsigned>(number / 256 % 256),
                 static_cast<unsigned>(number % 256));
   return text;
 }

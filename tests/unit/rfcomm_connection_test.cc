@@ -740,7 +740,10 @@ TEST_F(ReadLoop, EndsWhenTheStreamEndsUnderABlockedWrite) {
 TEST_F(ReadLoop, EndsWhenItsWakeUpIsNoDescriptorAnyMore) {
   const auto peer = Open();
   StartAndBlock();
-  ASSERT_EQ(syscall(SYS_close, fake_.calls(Call::kEventfd).at(0).result), 0);
+  // An int64_t would be two arguments on a 32-bit machine.
+  const auto wake_up =
+      static_cast<long>(fake_.calls(Call::kEventfd).at(0).result);
+  ASSERT_EQ(syscall(SYS_close, wake_up), 0);
   ASSERT_TRUE(peer->Send("one more"));
   EXPECT_TRUE(received_.WaitForEnd());
   EXPECT_LE(fake_.count(Call::kPoll), 3u);
