@@ -24,13 +24,17 @@
 /// there is no plug-in, as on another operating system, every request throws
 /// one, with the code [BluetoothException.noPlugin], and streams stay silent
 /// after the framework has reported an error.
+///
+/// `channels.dart` has the channels themselves, `testing.dart` a plug-in for
+/// tests.
 library;
 
 export 'src/adapter.dart';
+export 'src/adapter_state.dart';
 export 'src/bonding.dart';
-export 'src/channels.dart';
 export 'src/connection.dart';
 export 'src/device.dart';
 export 'src/discovery.dart';
+export 'src/discovery_event.dart';
 export 'src/exception.dart';
 export 'src/prober.dart';

@@ -1,5 +1,6 @@
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
+import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
 
 import 'support.dart';
@@ -61,14 +62,6 @@ void main() {
     expect(await adapter.getAddress(), isNull);
     expect(await adapter.getName(), isNull);
     expect(await adapter.getPlatformVersion(), isEmpty);
-  });
-
-  test('reads every state', () {
-    for (final BluetoothAdapterState state in BluetoothAdapterState.values) {
-      expect(BluetoothAdapterState.fromValue(state.value), state);
-    }
-    expect(BluetoothAdapterState.fromValue(11), BluetoothAdapterState.off);
-    expect(BluetoothAdapterState.fromValue(null), BluetoothAdapterState.off);
   });
 
   test('streams the present state and each change once', () async {

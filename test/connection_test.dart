@@ -2,6 +2,7 @@ import 'dart:convert';
 
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
+import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
 
 import 'support.dart';

@@ -3,67 +3,58 @@ import 'package:lumso_bluetooth/lumso_bluetooth.dart';
 
 import 'support.dart';
 
-void main() {
-  test('is read from a device map', () {
-    final BluetoothDevice device = BluetoothDevice.fromMap(
-      deviceMap(isConnected: 1, bondState: 12, rssi: -79),
-    );
-    expect(device.address, scale);
-    expect(device.name, 'Scale');
-    expect(device.isConnected, isTrue);
-    expect(device.bondState, BluetoothBondState.bonded);
-    expect(device.isBonded, isTrue);
-    expect(device.rssi, -79);
-  });
+// Not const: equal devices would be one object.
+BluetoothDevice device({
+  String address = scale,
+  String name = 'Scale',
+  bool isConnected = false,
+  BluetoothBondState bondState = BluetoothBondState.notBonded,
+  int rssi = -60,
+}) {
+  return BluetoothDevice(
+    address: address,
+    name: name,
+    isConnected: isConnected,
+    bondState: bondState,
+    rssi: rssi,
+  );
+}
 
-  test('has null for what is unknown', () {
-    final BluetoothDevice device =
-        BluetoothDevice.fromMap(deviceMap(name: '', rssi: 0));
+void main() {
+  test('is unknown, or no, where nothing is said', () {
+    const BluetoothDevice device = BluetoothDevice(address: scale);
+    expect(device.address, scale);
     expect(device.name, isNull);
-    expect(device.rssi, isNull);
     expect(device.isConnected, isFalse);
     expect(device.bondState, BluetoothBondState.notBonded);
     expect(device.isBonded, isFalse);
-    expect(device, const BluetoothDevice(address: scale));
+    expect(device.rssi, isNull);
   });
 
-  test('is not read from another map', () {
-    expect(
-      () => BluetoothDevice.fromMap(const <Object?, Object?>{}),
-      throwsA(isA<TypeError>()),
-    );
+  test('is bonded in that state', () {
+    expect(device(bondState: BluetoothBondState.bonded).isBonded, isTrue);
   });
 
   test('equals a device of the same values', () {
-    final BluetoothDevice device = BluetoothDevice.fromMap(deviceMap());
-    final BluetoothDevice same = BluetoothDevice.fromMap(deviceMap());
-    expect(device, same);
-    expect(device.hashCode, same.hashCode);
+    expect(device(), device());
+    expect(device().hashCode, device().hashCode);
 
-    for (final Map<String, Object?> other in <Map<String, Object?>>[
-      deviceMap(address: '00:00:00:00:00:00'),
-      deviceMap(name: 'Other'),
-      deviceMap(isConnected: 1),
-      deviceMap(bondState: 12),
-      deviceMap(rssi: -61),
+    for (final BluetoothDevice other in <BluetoothDevice>[
+      device(address: '00:00:00:00:00:00'),
+      device(name: 'Other'),
+      device(isConnected: true),
+      device(bondState: BluetoothBondState.bonded),
+      device(rssi: -61),
     ]) {
-      expect(BluetoothDevice.fromMap(other), isNot(device));
+      expect(other, isNot(device()));
     }
   });
 
   test('prints its values', () {
     expect(
-      BluetoothDevice.fromMap(deviceMap()).toString(),
+      device().toString(),
       'BluetoothDevice(AA:BB:CC:DD:EE:FF, name: Scale, isConnected: false, '
       'bondState: notBonded, rssi: -60)',
     );
-  });
-
-  test('has a bond state of two values', () {
-    for (final BluetoothBondState state in BluetoothBondState.values) {
-      expect(BluetoothBondState.fromValue(state.value), state);
-    }
-    expect(BluetoothBondState.fromValue(11), BluetoothBondState.notBonded);
-    expect(BluetoothBondState.fromValue(null), BluetoothBondState.notBonded);
   });
 }

@@ -1,24 +1,6 @@
+import 'adapter_state.dart';
+import 'channel_codec.dart';
 import 'channels.dart';
-
-/// The state of the adapter.
-enum BluetoothAdapterState {
-  /// Off, or there is no adapter.
-  off(10),
-
-  /// On: devices can be found and connected.
-  on(12);
-
-  /// A state that the channel writes as [value].
-  const BluetoothAdapterState(this.value);
-
-  /// Returns the state that the channel writes as [value]; [off] for any that
-  /// is not known, and for null.
-  factory BluetoothAdapterState.fromValue(int? value) =>
-      value == on.value ? on : off;
-
-  /// How the channel writes the state.
-  final int value;
-}
 
 /// The adapter that the plug-in found when the application started: the first
 /// that the daemon listed. Without one, and without a daemon, there is none
@@ -32,7 +14,10 @@ class BluetoothAdapter {
 
   static final Stream<BluetoothAdapterState> _states = BluetoothChannels.state
       .receiveBroadcastStream()
-      .map((Object? event) => BluetoothAdapterState.fromValue(event as int?))
+      .map(
+        (Object? event) =>
+            BluetoothChannelCodec.decodeAdapterState(event as int?),
+      )
       .distinct();
 
   /// Whether there is an adapter. Ask once: the answer does not change while
@@ -45,7 +30,7 @@ class BluetoothAdapter {
   /// The present state, [BluetoothAdapterState.off] also without an adapter.
   Future<BluetoothAdapterState> getState() async {
     final int? value = await BluetoothChannels.invoke<int>('getState');
-    return BluetoothAdapterState.fromValue(value);
+    return BluetoothChannelCodec.decodeAdapterState(value);
   }
 
   /// The adapter's own address, such as `00:AA:01:00:00:01`; null without one.

@@ -1,3 +1,4 @@
+import 'channel_codec.dart';
 import 'channels.dart';
 import 'device.dart';
 
@@ -21,7 +22,7 @@ class BluetoothBonding {
       'getBondState',
       <String, Object?>{'address': address},
     );
-    return BluetoothBondState.fromValue(value);
+    return BluetoothChannelCodec.decodeBondState(value);
   }
 
   /// Whether the device at [address] is bonded.

@@ -3,21 +3,10 @@ import 'package:flutter/foundation.dart' show immutable;
 /// Whether a device is bonded (paired) with this machine.
 enum BluetoothBondState {
   /// Not bonded, not known to the daemon, or there is no adapter.
-  notBonded(10),
+  notBonded,
 
   /// Bonded.
-  bonded(12);
-
-  /// A state that the channel writes as [value].
-  const BluetoothBondState(this.value);
-
-  /// Returns the state that the channel writes as [value]; [notBonded] for any
-  /// that is not known, and for null.
-  factory BluetoothBondState.fromValue(int? value) =>
-      value == bonded.value ? bonded : notBonded;
-
-  /// How the channel writes the state.
-  final int value;
+  bonded,
 }
 
 /// What the daemon knew of a device at one moment.
@@ -31,20 +20,6 @@ class BluetoothDevice {
     this.bondState = BluetoothBondState.notBonded,
     this.rssi,
   });
-
-  /// Reads a device map of the channels, where an empty name and a signal
-  /// strength of zero mean unknown. Throws [TypeError] for any other map.
-  factory BluetoothDevice.fromMap(Map<Object?, Object?> map) {
-    final String name = map['name'] as String;
-    final int rssi = map['rssi'] as int;
-    return BluetoothDevice(
-      address: map['address'] as String,
-      name: name.isEmpty ? null : name,
-      isConnected: map['isConnected'] == 1,
-      bondState: BluetoothBondState.fromValue(map['bondState'] as int?),
-      rssi: rssi == 0 ? null : rssi,
-    );
-  }
 
   /// Six two-digit hexadecimal fields joined by colons, such as
   /// `AA:BB:CC:DD:EE:FF`. Pass it on as it is.

@@ -1,5 +1,6 @@
 import 'channels.dart';
 import 'discovery.dart';
+import 'discovery_event.dart';
 
 /// The background prober.
 ///
