@@ -238,8 +238,4 @@ Json ValueToJson(FlValue* value) {
   }
 }
 
-std::string JsonLine(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 }  // namespace lumso_host

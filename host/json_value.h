@@ -10,15 +10,16 @@
 
 #include <flutter_linux/flutter_linux.h>
 
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
+#include "doctor/safe_text.h"
 #include "host/channel_codec.h"
 
 namespace lumso_host {
 
-using Json = nlohmann::ordered_json;
+using lumso_doctor::Json;
+using lumso_doctor::JsonLine;
 
 // Returns the value that `text` describes. Returns null and sets `error` when
 // it is not JSON, or says something that a value cannot hold: an integer beyond
@@ -29,10 +30,6 @@ ValuePtr ParseJsonValue(std::string_view text, std::string* error);
 // "Infinity" and "-Infinity"; typed lists other than uint8 become arrays; a map
 // key that is not a string becomes its JSON text.
 Json ValueToJson(FlValue* value);
-
-// Returns `json` as one line of text, without the line end. Invalid UTF-8 is
-// replaced, never refused.
-std::string JsonLine(const Json& json);
 
 }  // namespace lumso_host
 

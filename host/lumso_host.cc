@@ -13,13 +13,12 @@
 #include <string>
 #include <string_view>
 
+#include "doctor/screen.h"
 #include "host/command_reader.h"
-#include "host/doctor.h"
 #include "host/help.h"
 #include "host/line_reader.h"
 #include "host/line_writer.h"
 #include "host/plugin_library.h"
-#include "host/screen.h"
 #include "host/session.h"
 #ifdef LUMSO_HAVE_LIBEDIT
 #include "host/line_editor.h"
@@ -27,17 +26,13 @@
 
 namespace {
 
-using lumso_host::Screen;
+using lumso_doctor::Screen;
 
 constexpr int kStatusExpectFailed = 1;
 constexpr int kStatusCannotStart = 2;
 
 constexpr char kUsage[] =
     R"(Usage: lumso_host [--plugin FILE] [--json] [--help]
-       lumso_host doctor [ADDRESS] [--json] [--help]
-
-doctor says what is wrong with Bluetooth on this machine (see doctor --help).
-Without it:
 
 Loads the plug-in library FILE, registers it and runs the commands that it reads
 on standard input. Without --plugin it takes liblumso_bluetooth_plugin.so beside
@@ -67,9 +62,8 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     } else if (argument == "--plugin" && i + 1 < argc && *argv[i + 1] != '\0') {
       options->plugin = argv[++i];
     } else {
-      std::fprintf(stderr, "lumso_host: wrong argument: %s (%s)\n",
-                   argument.c_str(),
-                   argument == "doctor" ? "it comes first" : "see --help");
+      std::fprintf(stderr, "lumso_host: wrong argument: %s (see --help)\n",
+                   argument.c_str());
       return false;
     }
   }
@@ -168,9 +162,6 @@ int main(int argc, char** argv) {
   // is for the process to decide, not for a library, and desktop applications
   // usually decide so too.
   std::signal(SIGPIPE, SIG_IGN);
-  if (argc > 1 && std::string_view(argv[1]) == "doctor")
-    return lumso_host::RunDoctor({argv + 2, argv + argc});
-
   Options options;
   if (!ParseOptions(argc, argv, &options)) return kStatusCannotStart;
   if (options.help) {
@@ -184,6 +175,6 @@ int main(int argc, char** argv) {
                  error.c_str());
     return kStatusCannotStart;
   }
-  const Screen screen = options.json ? Screen() : lumso_host::FindScreen();
+  const Screen screen = options.json ? Screen() : lumso_doctor::FindScreen();
   return Host(register_plugin, screen).Run();
 }

@@ -412,7 +412,7 @@ TEST_F(HostTerminal, HasNoColoursWithNoColor) {
 
 // Without a bus, wherever this runs.
 constexpr char kDoctor[] =
-    "env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere " LUMSO_HOST " doctor";
+    "env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere " LUMSO_DOCTOR;
 const std::map<std::string, std::string> kWithMarks = {{"TERM", "xterm"},
                                                        {"LC_ALL", "C.UTF-8"}};
 

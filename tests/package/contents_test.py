@@ -11,7 +11,7 @@ import yaml
 
 # What an application's build needs and what its developer reads. The host is
 # there for the plug-in's own test in an application's build.
-FOLDERS = {'doc', 'example', 'host', 'include', 'lib', 'linux', 'src'}
+FOLDERS = {'doc', 'doctor', 'example', 'host', 'include', 'lib', 'linux', 'src'}
 FILES = {'CHANGELOG.md', 'LICENSE', 'README.md', 'pubspec.yaml'}
 HOST_FILES = {'channel_codec.cc', 'channel_codec.h',
               'in_process_messenger.cc', 'in_process_messenger.h'}
@@ -34,7 +34,7 @@ def check_files(package):
 
     wanted = [pathlib.Path(name) for name in FILES]
     wanted += [pathlib.Path('example') / name for name in EXAMPLE_FILES]
-    for folder in ('include', 'lib', 'linux', 'src', 'example/lib'):
+    for folder in ('doctor', 'include', 'lib', 'linux', 'src', 'example/lib'):
         found = [file.relative_to(tool.ROOT) for file
                  in (tool.ROOT / folder).rglob('*') if file.is_file()]
         tool.check(found, f'{folder} is empty')

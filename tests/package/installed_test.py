@@ -24,6 +24,7 @@ def install(build, stage, libdir):
     root = installed.relative_to(stage)
     config = root / libdir / 'cmake' / 'lumso_bluetooth'
     wanted = {str(file) for file in (
+        root / 'bin' / 'lumso_doctor',
         root / libdir / LIBRARY,
         root / libdir / 'pkgconfig' / 'lumso_bluetooth.pc',
         config / 'lumso_bluetooth-config.cmake',

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Makes what goes wrong with Bluetooth, and lets lumso_host doctor find it.
+"""Makes what goes wrong with Bluetooth, and lets lumso_doctor find it.
 
 A healthy machine first; then each problem for real, alone, and taken back. The
 doctor must name that problem, and no other. Meant for the virtual machine (see
@@ -39,7 +39,7 @@ class Doctor(Trouble):
     def examine(self, text, *arguments, before=(), **options):
         """Runs the doctor; returns its findings by step."""
         began = time.monotonic()
-        command = [*before, self.options.host, "doctor", *arguments, "--json"]
+        command = [*before, self.options.doctor, *arguments, "--json"]
         run = subprocess.run(
             command, capture_output=True, timeout=LIMIT, encoding="utf-8", **options
         )
@@ -81,7 +81,7 @@ class Doctor(Trouble):
     def healthy_in_words(self):
         with self.step("The same in words"):
             run = subprocess.run(
-                [self.options.host, "doctor"], capture_output=True, timeout=LIMIT, encoding="utf-8"
+                [self.options.doctor], capture_output=True, timeout=LIMIT, encoding="utf-8"
             )
             lines = run.stdout.splitlines()
             for line in lines:
@@ -96,7 +96,7 @@ class Doctor(Trouble):
 
     def start(self):
         # The checkout may lie in a home folder that is closed to other users.
-        for folder in pathlib.Path(self.options.host).resolve().parents:
+        for folder in pathlib.Path(self.options.doctor).resolve().parents:
             folder.chmod(folder.stat().st_mode | 0o011)
         with self.step("The stack is up; the other adapter plays the device"):
             adapters = self.bluez.ready_adapters(2)
@@ -250,7 +250,7 @@ class Doctor(Trouble):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[0])
-    parser.add_argument("--host", required=True, help="the program lumso_host")
+    parser.add_argument("--doctor", required=True, help="the program lumso_doctor")
     return parser.parse_args()
 
 

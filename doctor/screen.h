@@ -1,9 +1,9 @@
 // What there is at the other end of the standard streams.
 
-#ifndef LUMSO_BLUETOOTH_HOST_SCREEN_H_
-#define LUMSO_BLUETOOTH_HOST_SCREEN_H_
+#ifndef LUMSO_BLUETOOTH_DOCTOR_SCREEN_H_
+#define LUMSO_BLUETOOTH_DOCTOR_SCREEN_H_
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 struct Screen {
   bool terminal = false;  // Standard output is one: a person reads.
@@ -14,6 +14,6 @@ struct Screen {
 
 Screen FindScreen();
 
-}  // namespace lumso_host
+}  // namespace lumso_doctor
 
-#endif  // LUMSO_BLUETOOTH_HOST_SCREEN_H_
+#endif  // LUMSO_BLUETOOTH_DOCTOR_SCREEN_H_

@@ -1,8 +1,6 @@
 // The doctor's steps, one by one: every outcome, on a machine laid out in a
 // folder, a bus with a daemon double, and RFCOMM sockets made here.
 
-#include "host/doctor.h"
-
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -15,16 +13,17 @@
 #include <string>
 #include <vector>
 
+#include "doctor/steps.h"
 #include "tests/support/bus_test.h"
 #include "tests/support/fake_rfcomm.h"
 
 namespace lumso_test {
 namespace {
 
-using lumso_host::Finding;
-using lumso_host::Patient;
-using lumso_host::Trouble;
-using lumso_host::Verdict;
+using lumso_doctor::Finding;
+using lumso_doctor::Patient;
+using lumso_doctor::Trouble;
+using lumso_doctor::Verdict;
 using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -771,16 +770,16 @@ TEST_F(DoctorAgent, IsNotWaitedForEndlessly) {
 }
 
 TEST(DoctorGlib, KnowsTheVersionsWithTheFix) {
-  EXPECT_THAT(lumso_host::JudgeGlib({}, 2, 78, 5), IsOk());
-  EXPECT_THAT(lumso_host::JudgeGlib({}, 2, 80, 1), IsOk());
-  EXPECT_THAT(lumso_host::JudgeGlib({}, 2, 81, 0), IsOk());
-  EXPECT_THAT(lumso_host::JudgeGlib({}, 3, 0, 0), IsOk());
+  EXPECT_THAT(lumso_doctor::JudgeGlib({}, 2, 78, 5), IsOk());
+  EXPECT_THAT(lumso_doctor::JudgeGlib({}, 2, 80, 1), IsOk());
+  EXPECT_THAT(lumso_doctor::JudgeGlib({}, 2, 81, 0), IsOk());
+  EXPECT_THAT(lumso_doctor::JudgeGlib({}, 3, 0, 0), IsOk());
 }
 
 TEST(DoctorGlib, CannotTellOfOlderOnes) {
   for (const auto& [minor, micro] : std::vector<std::pair<unsigned, unsigned>>{
            {74, 6}, {78, 4}, {79, 9}, {80, 0}}) {
-    EXPECT_THAT(lumso_host::JudgeGlib({}, 2, minor, micro),
+    EXPECT_THAT(lumso_doctor::JudgeGlib({}, 2, minor, micro),
                 AllOf(IsUnclear(), Saw("2.74.6-2+deb12u2")))
         << minor << "." << micro;
   }

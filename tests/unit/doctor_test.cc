@@ -19,13 +19,13 @@
 #include <string>
 #include <vector>
 
-#include "host/doctor.h"
-#include "host/troubles.h"
+#include "doctor/steps.h"
+#include "doctor/troubles.h"
 
 namespace {
 
-using lumso_host::TroubleRow;
-using lumso_host::Troubles;
+using lumso_doctor::TroubleRow;
+using lumso_doctor::Troubles;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -146,12 +146,13 @@ TEST(DoctorNames, AreThoseThatTheProberAsks) {
     prefixes.push_back(list.substr(open + 1, end - open - 1));
     open = list.find('"', end + 1);
   }
-  EXPECT_EQ(prefixes.size(), lumso_host::kProbedNamePrefixes.size());
+  EXPECT_EQ(prefixes.size(), lumso_doctor::kProbedNamePrefixes.size());
   for (const std::string& prefix : prefixes) {
-    EXPECT_TRUE(lumso_host::IsProbedName(prefix)) << prefix;
-    EXPECT_TRUE(lumso_host::IsProbedName(prefix + "7")) << prefix;
-    EXPECT_FALSE(lumso_host::IsProbedName("x" + prefix)) << prefix;
-    EXPECT_FALSE(lumso_host::IsProbedName(prefix.substr(0, prefix.size() - 1)))
+    EXPECT_TRUE(lumso_doctor::IsProbedName(prefix)) << prefix;
+    EXPECT_TRUE(lumso_doctor::IsProbedName(prefix + "7")) << prefix;
+    EXPECT_FALSE(lumso_doctor::IsProbedName("x" + prefix)) << prefix;
+    EXPECT_FALSE(
+        lumso_doctor::IsProbedName(prefix.substr(0, prefix.size() - 1)))
         << prefix;
   }
 }
@@ -167,7 +168,7 @@ constexpr char kNoBus[] = "unix:path=/nowhere";
 // `output` takes what it would print; taken.
 Outcome Ask(const Lines& arguments, const std::string& bus = kNoBus,
             int output_fd = -1) {
-  std::vector<const char*> argv = {LUMSO_HOST, "doctor"};
+  std::vector<const char*> argv = {LUMSO_DOCTOR};
   for (const std::string& argument : arguments) {
     argv.push_back(argument.c_str());
   }
@@ -247,7 +248,7 @@ TEST(DoctorCommand, PrintsTextWithoutMarksIntoAPipe) {
 TEST(DoctorCommand, LetsNobodyWriteOnTheTerminal) {
   const Outcome outcome = Ask({"Grüße\n\x1b[32m✔ ok\xe2\x80\xae\xff"});
   EXPECT_THAT(SplitLines(outcome.output),
-              Contains("problem      device: Grüße??[32m✔ ok?�"));
+              Contains("problem      device: Grüße\\n\\u001b[32m✔ ok\\u202e�"));
 }
 
 // A bus that would be noticed.
@@ -281,13 +282,13 @@ TEST(DoctorCommand, EndsWhateverHangs) {
   const Outcome outcome = Ask({}, kNoBus, ends[1]);
   EXPECT_LT(g_get_monotonic_time() - began, 45 * G_TIME_SPAN_SECOND);
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.errors, "lumso_host: gave up in this process\n");
+  EXPECT_EQ(outcome.errors, "lumso_doctor: gave up in this process\n");
   close(ends[0]);
 }
 
 TEST(DoctorCommand, ExplainsItself) {
   const Outcome outcome = Ask({"--help"});
-  EXPECT_THAT(outcome.output, StartsWith("Usage: lumso_host doctor"));
+  EXPECT_THAT(outcome.output, StartsWith("Usage: lumso_doctor"));
   EXPECT_EQ(outcome.status, 0);
 }
 
@@ -297,7 +298,7 @@ TEST(DoctorCommand, RefusesWrongArguments) {
     const Outcome outcome = Ask(arguments);
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(outcome.output, "");
-    EXPECT_THAT(outcome.errors, StartsWith("lumso_host: wrong argument: "));
+    EXPECT_THAT(outcome.errors, StartsWith("lumso_doctor: wrong argument: "));
   }
 }
 

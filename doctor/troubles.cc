@@ -1,6 +1,6 @@
-#include "host/troubles.h"
+#include "doctor/troubles.h"
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 const std::vector<TroubleRow>& Troubles() {
   static const std::vector<TroubleRow> rows = {
@@ -116,4 +116,4 @@ const std::vector<TroubleRow>& Troubles() {
   return rows;
 }
 
-}  // namespace lumso_host
+}  // namespace lumso_doctor

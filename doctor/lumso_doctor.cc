@@ -1,19 +1,23 @@
-#include "host/doctor.h"
+// lumso_doctor: says what is wrong with Bluetooth on this machine. It goes
+// through everything between an application and its bytes, step by step.
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
+#include <string>
 #include <thread>
-#include <utility>
+#include <vector>
 
-#include "host/json_value.h"
-#include "host/line_writer.h"
-#include "host/method_table.h"
-#include "host/screen.h"
+#include "doctor/safe_text.h"
+#include "doctor/screen.h"
+#include "doctor/steps.h"
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 namespace {
 
@@ -26,11 +30,11 @@ constexpr std::chrono::milliseconds kGiveUpAfter(41500);
 constexpr std::chrono::milliseconds kLastWords(500);
 
 constexpr char kUsage[] =
-    R"(Usage: lumso_host doctor [ADDRESS] [--json] [--help]
+    R"(Usage: lumso_doctor [ADDRESS] [--json] [--help]
 
 Goes through everything between an application and its bytes, from this process
 to the Bluetooth daemon's adapter, and says of each step what it saw: ok, problem
-or cannot tell, and of a problem what to do. It needs no plug-in, changes nothing
+or cannot tell, and of a problem what to do. It changes nothing
 and ends within 45 s. With ADDRESS it also looks at that device and opens its
 channel 1 once, as "connect" does, and closes it; where nothing is bonded yet
 that may begin a pairing. It registers an agent for a moment, and the kernel may
@@ -61,8 +65,7 @@ bool ParseOptions(const std::vector<std::string>& arguments, Options* options) {
       options->has_address = true;
       options->address = argument;
     } else {
-      std::fprintf(stderr,
-                   "lumso_host: wrong argument: %s (see doctor --help)\n",
+      std::fprintf(stderr, "lumso_doctor: wrong argument: %s (see --help)\n",
                    argument.c_str());
       return false;
     }
@@ -85,18 +88,10 @@ const Look& LookOf(Verdict verdict) {
   return kLooks[static_cast<int>(verdict)];
 }
 
-// What is seen may come from afar, such as a device's name: it must not command
-// a terminal.
-std::string Printable(const std::string& text) {
-  g_autofree gchar* valid = g_utf8_make_valid(text.c_str(), -1);
-  std::string printable;
-  const gchar* next = nullptr;
-  for (const gchar* c = valid; *c != '\0'; c = next) {
-    next = g_utf8_next_char(c);
-    printable += g_unichar_isprint(g_utf8_get_char(c)) ? std::string(c, next)
-                                                       : std::string("?");
-  }
-  return printable;
+// A row's text without its Markdown marks.
+std::string PlainText(std::string text) {
+  text.erase(std::remove(text.begin(), text.end(), '`'), text.end());
+  return text;
 }
 
 Json ToJson(const Finding& finding) {
@@ -146,7 +141,7 @@ std::string Summary(size_t problems, size_t doubts) {
 void GuardTime() {
   std::this_thread::sleep_for(kGiveUpAfter);
   std::thread([] {
-    std::fprintf(stderr, "lumso_host: gave up in %s\n", current_step.load());
+    std::fprintf(stderr, "lumso_doctor: gave up in %s\n", current_step.load());
   }).detach();
   std::this_thread::sleep_for(kLastWords);
   _exit(kStatusProblem);
@@ -162,39 +157,64 @@ std::vector<StepFunction> Steps(bool has_address) {
   return steps;
 }
 
-}  // namespace
+// Opens the null device in place of closed standard streams, before anything
+// else opens a descriptor and becomes one of them.
+void OpenStandardStreams() {
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = dup(fd);
+  if (fd >= 0) close(fd);
+}
 
-int RunDoctor(const std::vector<std::string>& arguments) {
-  Options options;
-  if (!ParseOptions(arguments, &options)) return kStatusWrongUsage;
-  if (options.help) {
-    std::printf("%s", kUsage);
-    return 0;
-  }
-  setlocale(LC_CTYPE, "");  // Tells of a terminal that has no such marks.
+// Tells whether the line could be written.
+bool WriteLine(const std::string& line) {
+  if (std::printf("%s\n", line.c_str()) >= 0 && std::fflush(stdout) == 0)
+    return true;
+  std::perror("lumso_doctor: cannot write to standard output");
+  return false;
+}
+
+// Returns the exit status.
+int Run(const Options& options) {
   std::thread(GuardTime).detach();
   const Screen screen = options.json ? Screen() : FindScreen();
-  bool output_failed = false;
-  LineWriter writer(false, [&output_failed] { output_failed = true; });
   Patient patient;
   patient.address = options.address;
   patient.deadline =
       g_get_monotonic_time() + kDeadlineSeconds * G_TIME_SPAN_SECOND;
   patient.announce = [](const std::string& text) {
-    std::fprintf(stderr, "lumso_host: %s\n", text.c_str());
+    std::fprintf(stderr, "lumso_doctor: %s\n", text.c_str());
   };
   size_t problems = 0;
   size_t doubts = 0;
   for (const StepFunction step : Steps(options.has_address)) {
-    if (output_failed) return kStatusProblem;
     const Finding finding = step(&patient);
     if (finding.verdict == Verdict::kProblem) ++problems;
     if (finding.verdict == Verdict::kCannotTell) ++doubts;
-    writer.WriteLine(options.json ? JsonLine(ToJson(finding))
-                                  : ToText(finding, screen));
+    if (!WriteLine(options.json ? JsonLine(ToJson(finding))
+                                : ToText(finding, screen))) {
+      return kStatusProblem;
+    }
   }
-  if (!options.json) writer.WriteLine(Summary(problems, doubts));
-  return problems > 0 || output_failed ? kStatusProblem : 0;
+  if (!options.json && !WriteLine(Summary(problems, doubts)))
+    return kStatusProblem;
+  return problems > 0 ? kStatusProblem : 0;
 }
 
-}  // namespace lumso_host
+}  // namespace
+
+}  // namespace lumso_doctor
+
+int main(int argc, char** argv) {
+  lumso_doctor::OpenStandardStreams();
+  // Writing to a device that has vanished must be an error, not the end.
+  std::signal(SIGPIPE, SIG_IGN);
+  setlocale(LC_CTYPE, "");  // Tells of a terminal that has no such marks.
+  lumso_doctor::Options options;
+  if (!lumso_doctor::ParseOptions({argv + 1, argv + argc}, &options))
+    return lumso_doctor::kStatusWrongUsage;
+  if (options.help) {
+    std::printf("%s", lumso_doctor::kUsage);
+    return 0;
+  }
+  return lumso_doctor::Run(options);
+}

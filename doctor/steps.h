@@ -2,8 +2,8 @@
 // everything between an application and its bytes, step by step, and changes
 // nothing.
 
-#ifndef LUMSO_BLUETOOTH_HOST_DOCTOR_H_
-#define LUMSO_BLUETOOTH_HOST_DOCTOR_H_
+#ifndef LUMSO_BLUETOOTH_DOCTOR_STEPS_H_
+#define LUMSO_BLUETOOTH_DOCTOR_STEPS_H_
 
 #include <gio/gio.h>
 
@@ -16,9 +16,9 @@
 #include <string_view>
 #include <vector>
 
-#include "host/troubles.h"
+#include "doctor/troubles.h"
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 enum class Verdict { kOk, kProblem, kCannotTell };
 
@@ -125,10 +125,6 @@ inline constexpr std::array<std::string_view, 5> kProbedNamePrefixes = {
 // Tells whether the prober asks devices of this name.
 bool IsProbedName(const std::string& name);
 
-// Runs the steps and prints them, as `arguments` (those after "doctor") want.
-// Returns the exit status.
-int RunDoctor(const std::vector<std::string>& arguments);
+}  // namespace lumso_doctor
 
-}  // namespace lumso_host
-
-#endif  // LUMSO_BLUETOOTH_HOST_DOCTOR_H_
+#endif  // LUMSO_BLUETOOTH_DOCTOR_STEPS_H_

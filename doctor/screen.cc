@@ -1,11 +1,11 @@
-#include "host/screen.h"
+#include "doctor/screen.h"
 
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 Screen FindScreen() {
   Screen screen;
@@ -21,4 +21,4 @@ Screen FindScreen() {
   return screen;
 }
 
-}  // namespace lumso_host
+}  // namespace lumso_doctor

@@ -14,9 +14,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "host/doctor.h"
+#include "doctor/steps.h"
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 namespace {
 
@@ -412,4 +412,4 @@ Finding ExamineStream(Patient* patient) {
   return Problem(std::move(finding), *trouble);
 }
 
-}  // namespace lumso_host
+}  // namespace lumso_doctor

@@ -9,9 +9,9 @@
 #include <string_view>
 #include <utility>
 
-#include "host/doctor.h"
+#include "doctor/steps.h"
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 namespace {
 
@@ -592,4 +592,4 @@ Finding ExamineDevice(Patient* patient) {
   return finding;
 }
 
-}  // namespace lumso_host
+}  // namespace lumso_doctor

@@ -1,13 +1,13 @@
 // What can be wrong with Bluetooth on a machine and be seen without an
 // application: rows of doc/troubleshooting.md, which a test compares.
 
-#ifndef LUMSO_BLUETOOTH_HOST_TROUBLES_H_
-#define LUMSO_BLUETOOTH_HOST_TROUBLES_H_
+#ifndef LUMSO_BLUETOOTH_DOCTOR_TROUBLES_H_
+#define LUMSO_BLUETOOTH_DOCTOR_TROUBLES_H_
 
 #include <cstddef>
 #include <vector>
 
-namespace lumso_host {
+namespace lumso_doctor {
 
 enum class Trouble {
   kNoAdapter,
@@ -51,6 +51,6 @@ inline const TroubleRow& RowOf(Trouble trouble) {
   return Troubles()[static_cast<size_t>(trouble)];
 }
 
-}  // namespace lumso_host
+}  // namespace lumso_doctor
 
-#endif  // LUMSO_BLUETOOTH_HOST_TROUBLES_H_
+#endif  // LUMSO_BLUETOOTH_DOCTOR_TROUBLES_H_
