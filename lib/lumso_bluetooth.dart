@@ -22,8 +22,9 @@
 /// what the plug-in knows of the reason is on standard error. Only
 /// [BluetoothConnection.open] throws a [BluetoothException] instead. Where
 /// there is no plug-in, as on another operating system, every request throws
-/// one, with the code [BluetoothException.noPlugin], and streams stay silent
-/// after the framework has reported an error.
+/// one, with the code [BluetoothException.noPlugin], the framework reports an
+/// error for each channel that is listened to, and streams that begin with an
+/// answer give the exception as an error.
 ///
 /// `channels.dart` has the channels themselves, `testing.dart` a plug-in for
 /// tests.

@@ -1,7 +1,10 @@
+import 'dart:async';
+
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
+import 'package:lumso_bluetooth/testing.dart';
 
 import 'support.dart';
 
@@ -65,17 +68,14 @@ void main() {
   });
 
   test('streams the present state and each change once', () async {
-    final MockStream state = MockStream(
-      BluetoothChannels.state,
-      onListen: (MockStreamHandlerEventSink events) => events.success(12),
-    );
+    final FakeBluetoothPlugin plugin = fakePlugin();
     final Future<List<BluetoothAdapterState>> states =
         adapter.states.take(3).toList();
-    final MockStreamHandlerEventSink events = await state.events;
-    events.success(12);
-    events.success(10);
-    events.success(10);
-    events.success(12);
+    await settle();
+    plugin.state = BluetoothAdapterState.on;
+    plugin.state = BluetoothAdapterState.off;
+    plugin.state = BluetoothAdapterState.off;
+    plugin.state = BluetoothAdapterState.on;
 
     expect(await states, const <BluetoothAdapterState>[
       BluetoothAdapterState.on,
@@ -84,28 +84,33 @@ void main() {
     ]);
   });
 
-  test('shares one stream among its listeners', () async {
-    final MockStream state = MockStream(BluetoothChannels.state);
-    final Future<BluetoothAdapterState> first = adapter.states.first;
-    final Future<BluetoothAdapterState> second = adapter.states.first;
-    (await state.events).success(12);
-
-    expect(await first, BluetoothAdapterState.on);
-    expect(await second, BluetoothAdapterState.on);
-    await state.cancelled;
-    expect(state.listens, 1);
-    expect(state.cancels, 1);
-    expect(adapter.states, same(adapter.states));
+  // Without the request in _tellStates nothing comes.
+  test('streams that there is no adapter', () async {
+    fakePlugin().isAvailable = false;
+    expect(await adapter.states.first, BluetoothAdapterState.off);
   });
 
-  test('listens again after its last listener has gone', () async {
-    for (int time = 0; time < 2; time++) {
-      final MockStream state = MockStream(BluetoothChannels.state);
-      final Future<BluetoothAdapterState> present = adapter.states.first;
-      (await state.events).success(10);
-      expect(await present, BluetoothAdapterState.off);
-      await state.cancelled;
-      expect(state.listens, 1);
-    }
+  // Without the request in _tellStates the second gets nothing.
+  test('gives each listener the present state first', () async {
+    final FakeBluetoothPlugin plugin = fakePlugin();
+    final List<BluetoothAdapterState> first = <BluetoothAdapterState>[];
+    final StreamSubscription<BluetoothAdapterState> subscription =
+        adapter.states.listen(first.add);
+    await settle();
+    final List<BluetoothAdapterState> second =
+        await adapter.states.take(1).toList();
+    expect(first, const <BluetoothAdapterState>[BluetoothAdapterState.on]);
+    expect(second, first);
+    expect(
+      plugin.requests
+          .where((({String channel, MethodCall call}) request) =>
+              request.channel == BluetoothChannels.state.name)
+          .length,
+      1,
+    );
+    await subscription.cancel();
+    await settle();
+    expect(plugin.isListenedTo(BluetoothChannels.state), isFalse);
+    expect(adapter.states, same(adapter.states));
   });
 }

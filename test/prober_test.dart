@@ -2,6 +2,7 @@ import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
+import 'package:lumso_bluetooth/testing.dart';
 
 import 'support.dart';
 
@@ -48,53 +49,29 @@ void main() {
   });
 
   test('collects readings by address until a loss', () async {
-    final MockStream channel = MockStream(BluetoothChannels.discovery);
+    final FakeBluetoothPlugin plugin = fakePlugin();
     final Future<List<Map<String, int>>> received =
-        prober.readings.take(4).toList();
-    final MockStreamHandlerEventSink events = await channel.events;
-    events.success(reading(scale, -61));
-    events.success(<String, Object?>{'device': deviceMap()});
-    events.success(reading(thermometer, -70));
-    events.success(reading(scale, -57));
-    events.success(
-      const <String, Object?>{'type': 'deviceLost', 'address': scale},
-    );
+        prober.readings.take(5).toList();
+    await settle();
+    plugin
+      ..report(const SignalReading(scale, -61))
+      ..report(const DeviceReport(BluetoothDevice(address: scale)))
+      ..report(const SignalReading(thermometer, -70))
+      ..report(const SignalReading(scale, -57))
+      ..report(const DeviceLoss(scale));
 
     expect(await received, <Map<String, int>>[
+      <String, int>{},
       <String, int>{scale: -61},
       <String, int>{scale: -61, thermometer: -70},
       <String, int>{scale: -57, thermometer: -70},
       <String, int>{thermometer: -70},
     ]);
-    await channel.cancelled;
-  });
-
-  test('begins each stream with an empty map', () async {
-    final MockStream channel = MockStream(BluetoothChannels.discovery);
-    final Future<List<Map<String, int>>> both =
-        prober.readings.take(2).toList();
-    final MockStreamHandlerEventSink events = await channel.events;
-
-    final Future<Map<String, int>> first = prober.readings.first;
-    events.success(reading(scale, -61));
-    expect(await first, <String, int>{scale: -61});
-
-    final Future<Map<String, int>> second = prober.readings.first;
-    events.success(reading(thermometer, -70));
-    expect(await second, <String, int>{thermometer: -70});
-
-    expect(await both, <Map<String, int>>[
-      <String, int>{scale: -61},
-      <String, int>{scale: -61, thermometer: -70},
-    ]);
-    await channel.cancelled;
-    expect(channel.listens, 1);
-    expect(channel.cancels, 1);
   });
 
   test('gives out maps that cannot be changed', () async {
     final MockStream channel = MockStream(BluetoothChannels.discovery);
-    final Future<Map<String, int>> received = prober.readings.first;
+    final Future<Map<String, int>> received = prober.readings.elementAt(1);
     (await channel.events).success(reading(scale, -61));
     final Map<String, int> map = await received;
     expect(map.clear, throwsUnsupportedError);

@@ -4,12 +4,21 @@ import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
+import 'package:lumso_bluetooth/testing.dart';
 
 TestDefaultBinaryMessenger get _messenger =>
     TestDefaultBinaryMessengerBinding.instance.defaultBinaryMessenger;
 
 /// A device's address.
 const String scale = 'AA:BB:CC:DD:EE:FF';
+
+/// Stands for the plug-in until the test ends.
+FakeBluetoothPlugin fakePlugin() {
+  final FakeBluetoothPlugin plugin =
+      FakeBluetoothPlugin(_messenger.setMockMessageHandler);
+  addTearDown(plugin.remove);
+  return plugin;
+}
 
 /// Stands for the plug-in behind the method channel until the test ends.
 /// Returns the calls, to which each further one is added.

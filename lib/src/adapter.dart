@@ -1,3 +1,5 @@
+import 'dart:async';
+
 import 'adapter_state.dart';
 import 'channel_codec.dart';
 import 'channels.dart';
@@ -12,13 +14,38 @@ class BluetoothAdapter {
   /// The adapter.
   const BluetoothAdapter();
 
-  static final Stream<BluetoothAdapterState> _states = BluetoothChannels.state
-      .receiveBroadcastStream()
-      .map(
-        (Object? event) =>
-            BluetoothChannelCodec.decodeAdapterState(event as int?),
-      )
-      .distinct();
+  static final Stream<BluetoothAdapterState> _states =
+      Stream<BluetoothAdapterState>.multi(_tellStates, isBroadcast: true)
+          .distinct();
+
+  // Listens first and asks then: an event can overtake the answer, and is the
+  // newer of the two.
+  static Future<void> _tellStates(
+    MultiStreamController<BluetoothAdapterState> listener,
+  ) async {
+    bool isTold = false;
+    final StreamSubscription<BluetoothAdapterState> changes =
+        BluetoothChannels.stateEvents
+            .map(
+              (Object? event) =>
+                  BluetoothChannelCodec.decodeAdapterState(event as int?),
+            )
+            .listen(
+      (BluetoothAdapterState state) {
+        isTold = true;
+        listener.add(state);
+      },
+      onError: listener.addError,
+    );
+    listener.onCancel = changes.cancel;
+    try {
+      final BluetoothAdapterState present =
+          await const BluetoothAdapter().getState();
+      if (!isTold) listener.add(present);
+    } catch (error, trace) {
+      listener.addError(error, trace);
+    }
+  }
 
   /// Whether there is an adapter. Ask once: the answer does not change while
   /// the application runs.
@@ -44,11 +71,11 @@ class BluetoothAdapter {
   Future<String> getPlatformVersion() async =>
       await _text('getPlatformVersion') ?? '';
 
-  /// Every change of the state.
+  /// The present state, then every change of it.
   ///
-  /// A broadcast stream for any number of listeners. While nobody else listens,
-  /// a listener gets the present state first; a later one gets the next change
-  /// and asks [getState] for the present. Nothing comes without an adapter.
+  /// A broadcast stream for any number of listeners. Each gets the present
+  /// state first, [BluetoothAdapterState.off] also without an adapter, and no
+  /// state twice in a row. What [getState] throws is an error of the stream.
   Stream<BluetoothAdapterState> get states => _states;
 
   Future<String?> _text(String method) async {

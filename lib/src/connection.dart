@@ -1,5 +1,6 @@
 import 'dart:async';
 import 'dart:convert';
+import 'dart:math';
 import 'dart:typed_data';
 
 import 'channels.dart';
@@ -11,16 +12,14 @@ import 'exception.dart';
 /// in pieces, and two messages in one piece. [lines] puts lines of text
 /// together; anything else takes a framing of the application's own.
 class BluetoothConnection {
-  // The plug-in sends bytes whether or not anybody listens, and the framework
-  // keeps a single message until somebody does. So this listens at once, right
-  // after the answer to connect and before another message is looked at, and
-  // the controller keeps what arrives before the application's listener.
+  // The plug-in sends bytes whether or not anybody listens. The framework keeps
+  // what overtook the answer to connect, and the controller what arrives before
+  // the application's listener.
   BluetoothConnection._(this.id, this.address) {
-    _subscription = BluetoothChannels.read(id).receiveBroadcastStream().listen(
-          (Object? event) => _received.add(event as Uint8List),
-          onError: _received.addError,
-          onDone: _received.close,
-        );
+    _subscription = BluetoothChannels.read(id)
+        .receiveBroadcastStream()
+        .cast<Uint8List>()
+        .listen(_received.add, onError: _received.addError, onDone: _end);
   }
 
   /// Connects to channel 1 of the device at [address].
@@ -30,12 +29,19 @@ class BluetoothConnection {
   /// device accepts or refuses, and half a minute when it stays silent. Show
   /// first that something is going on.
   ///
+  /// [received] has what the device sends from its first byte on, also when
+  /// that arrives before this completes: up to 1,024 pieces do. Only where this
+  /// class cannot expect the id, at the first connection after a `connect` of
+  /// the application's own, or after a hot restart (see [closeForgotten]), it
+  /// is the newest piece alone.
+  ///
   /// Throws [BluetoothException]: [BluetoothException.unreachable] when the
   /// device refuses, does not answer, or has a connection to this channel
   /// already; [BluetoothException.invalid] without an adapter.
   static Future<BluetoothConnection> open(String address) async {
     _opening++;
     try {
+      _makeRoom();
       final int? id = await BluetoothChannels.invoke<int>(
         'connect',
         <String, Object?>{'address': address},
@@ -47,9 +53,20 @@ class BluetoothConnection {
         );
       }
       _firstId ??= id;
+      _highestId = max(_highestId, id);
       return BluetoothConnection._(id, address);
     } finally {
       _opening--;
+      _makeRoom();
+    }
+  }
+
+  // An event can overtake the answer that tells its connection's id. The plug-in
+  // counts ids up from 1, and a connect that fails uses none, so each open under
+  // way gets one of the next.
+  static void _makeRoom() {
+    for (int next = 1; next <= _opening; next++) {
+      BluetoothChannels.bufferRead(_highestId + next);
     }
   }
 
@@ -61,19 +78,30 @@ class BluetoothConnection {
   /// error. Call this when the application starts, before the first [open]:
   ///
   /// ```dart
+  /// WidgetsFlutterBinding.ensureInitialized();
   /// if (kDebugMode) await BluetoothConnection.closeForgotten();
   /// ```
   ///
   /// How it works: the plug-in counts ids up from 1 and uses none twice, so
-  /// every id below the first that this isolate got belongs to an earlier time.
-  /// All of those are closed, or, while this isolate has got none, those up to
-  /// [limit]; it then ends early when [open] is called meanwhile. Each id costs
-  /// about a millisecond. Connections that another isolate of the application
-  /// opened earlier are closed, too.
+  /// every id below the first that [open] got since Dart started belongs to an
+  /// earlier time. All of those are closed. While it has got none, those up to
+  /// [limit] are, which leaves any with a higher id open; this then ends early
+  /// when [open] is called meanwhile. An id costs about 2 milliseconds since
+  /// Flutter 3.39, before that one. Connections that the application opened with
+  /// a `connect` of its own are closed, too.
+  ///
+  /// The first [open] afterwards expects the id that follows the last one closed
+  /// here. When none was, or connections with higher ids had been closed before
+  /// the restart, it expects the wrong one, with what [open] says of that.
+  ///
+  /// Throws [BluetoothException] with [BluetoothException.noPlugin] where there
+  /// is no plug-in, as on another operating system.
   static Future<int> closeForgotten({int limit = 100}) async {
     int closed = 0;
     for (int id = 1; _isForgotten(id, limit); id++) {
-      if (await _disconnect(id)) closed++;
+      if (!await _disconnect(id)) continue;
+      closed++;
+      _highestId = max(_highestId, id);
     }
     return closed;
   }
@@ -91,6 +119,7 @@ class BluetoothConnection {
 
   static int _opening = 0;
   static int? _firstId;
+  static int _highestId = 0;
 
   /// The plug-in's number of the connection, from 1, never used twice.
   final int id;
@@ -99,7 +128,8 @@ class BluetoothConnection {
   final String address;
 
   final StreamController<Uint8List> _received = StreamController<Uint8List>();
-  late final StreamSubscription<Object?> _subscription;
+  final Completer<void> _done = Completer<void>();
+  late final StreamSubscription<Uint8List> _subscription;
   Future<bool>? _closing;
 
   /// What the device sends, in pieces of 1 to 2,048 bytes.
@@ -108,8 +138,15 @@ class BluetoothConnection {
   /// is kept in memory, and nothing slows the device down. A listener that
   /// leaves closes nothing; what arrives then is lost. The stream ends when the
   /// device closes, when the link is lost, and after [close]; in the first two
-  /// cases call [close] as well. It carries no errors.
+  /// cases call [close] as well. It carries no errors: the plug-in sends none.
   Stream<Uint8List> get received => _received.stream;
+
+  /// Completes, without an error, when the stream has ended: by the device, the
+  /// link or [close].
+  ///
+  /// For those who do not own the one listener of [received], which may still
+  /// have bytes to hand over then.
+  Future<void> get done => _done.future;
 
   /// [received] as lines of text: UTF-8, ended by `\n`, `\r\n` or `\r`, which
   /// are left out. Bytes that are not UTF-8 become replacement characters. What
@@ -151,15 +188,24 @@ class BluetoothConnection {
   Future<bool> close() => _closing ??= _close();
 
   Future<bool> _close() async {
-    // Its request goes out first, and the answer means nothing here.
+    // Its request goes out first, while the plug-in still has the channel, and
+    // the answer means nothing here.
     unawaited(_subscription.cancel());
+    BluetoothChannels.discardRead(id);
     try {
       return await _disconnect(id);
     } finally {
-      // The plug-in sends no end of stream after a disconnect. The future
-      // completes when the application has heard of it, so perhaps never.
-      unawaited(_received.close());
+      // The plug-in sends no end of stream after a disconnect.
+      _end();
     }
+  }
+
+  void _end() {
+    if (_done.isCompleted) return;
+    _done.complete();
+    // The future completes when the application has heard of the end, so perhaps
+    // never.
+    unawaited(_received.close());
   }
 
   @override

@@ -1,3 +1,5 @@
+import 'dart:async';
+
 import 'channel_codec.dart';
 import 'channels.dart';
 import 'device.dart';
@@ -6,16 +8,15 @@ import 'discovery_event.dart';
 /// Finding devices, and hearing of those that change.
 ///
 /// Every object of this class is the same discovery. Listening starts no
-/// discovery and repeats nothing. So listen to [events] or [devices] first, ask
-/// for [knownDevices] then, and [start] last. Every request but [isDiscovering]
-/// blocks until the daemon has answered, mostly for milliseconds.
+/// discovery: listen to [watchDevices] first, and [start] then. Every request
+/// but [isDiscovering] blocks until the daemon has answered, mostly for
+/// milliseconds.
 class BluetoothDiscovery {
   /// The discovery.
   const BluetoothDiscovery();
 
-  static final Stream<DiscoveryEvent> _events = BluetoothChannels.discovery
-      .receiveBroadcastStream()
-      .expand((Object? message) {
+  static final Stream<DiscoveryEvent> _events =
+      BluetoothChannels.discoveryEvents.expand((Object? message) {
     final DiscoveryEvent? event = message is Map<Object?, Object?>
         ? BluetoothChannelCodec.decodeEvent(message)
         : null;
@@ -25,17 +26,66 @@ class BluetoothDiscovery {
       _events.expand((DiscoveryEvent event) => <BluetoothDevice>[
             if (event is DeviceReport) event.device,
           ]);
+  static final Stream<List<BluetoothDevice>> _lists =
+      Stream<List<BluetoothDevice>>.multi(_tellLists, isBroadcast: true);
+
+  // Listens first and asks then: a report can overtake the answer, and is newer
+  // than what that lists.
+  static Future<void> _tellLists(
+    MultiStreamController<List<BluetoothDevice>> listener,
+  ) async {
+    Map<String, BluetoothDevice> devices = <String, BluetoothDevice>{};
+    bool isListed = false;
+    void tell() =>
+        listener.add(List<BluetoothDevice>.unmodifiable(devices.values));
+    final StreamSubscription<BluetoothDevice> reports = _reported.listen(
+      (BluetoothDevice device) {
+        if (devices[device.address] == device) return;
+        devices[device.address] = device;
+        if (isListed) tell();
+      },
+      onError: listener.addError,
+    );
+    listener.onCancel = reports.cancel;
+    try {
+      final List<BluetoothDevice> listed =
+          await const BluetoothDiscovery().knownDevices();
+      // The order is that of the list, the values are the reports'.
+      devices = <String, BluetoothDevice>{
+        for (final BluetoothDevice device in listed) device.address: device,
+        ...devices,
+      };
+      tell();
+    } catch (error, trace) {
+      listener.addError(error, trace);
+    }
+    isListed = true;
+  }
 
   /// Devices of all adapters as they appear and change, with discovery on or
   /// off, and what the prober finds out.
   ///
   /// A broadcast stream for any number of listeners. What happens while nobody
-  /// listens is lost; only the prober's newest event is kept for the next
-  /// listener. Kinds of event that this version does not know are left out.
+  /// listens is lost. Kinds of event that this version does not know are left
+  /// out; one of a known kind that lacks something, which the plug-in does not
+  /// send, is an error of the stream, which goes on.
   Stream<DiscoveryEvent> get events => _events;
 
   /// The devices of the [DeviceReport]s among [events].
   Stream<BluetoothDevice> get devices => _reported;
+
+  /// The list of all devices: what the daemon knows, then the whole list again
+  /// after each change.
+  ///
+  /// One for each address, in the order in which they became known, each as it
+  /// was reported last. A device that goes is not reported and stays; a new
+  /// listener's list begins anew.
+  ///
+  /// One broadcast stream for any number of listeners, so it may be taken in a
+  /// `build` method. The lists cannot be changed. Each listener makes one
+  /// request, which blocks as [knownDevices] does; what that throws is an error
+  /// of the stream, which goes on.
+  Stream<List<BluetoothDevice>> watchDevices() => _lists;
 
   /// Whether the adapter looks for devices, whoever told it to. Does not block.
   Future<bool> isDiscovering() => BluetoothChannels.request('isDiscovering');
@@ -50,8 +100,11 @@ class BluetoothDiscovery {
   /// refuses.
   Future<bool> cancel() => BluetoothChannels.request('cancelDiscovery');
 
-  /// Every device that the daemon knows, found just now or earlier, of all
-  /// adapters. Empty without an adapter.
+  /// Every device that the daemon knew when it was asked, found just then or
+  /// earlier, of all adapters, in the daemon's order. Empty without an adapter.
+  ///
+  /// Since Flutter 3.39 the answer can be older than what [devices] has told
+  /// meanwhile: do not write it over that. [watchDevices] takes care of it.
   Future<List<BluetoothDevice>> knownDevices() =>
       _devices('getDiscoveredDevices');
 

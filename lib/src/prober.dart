@@ -1,3 +1,5 @@
+import 'dart:async';
+
 import 'channels.dart';
 import 'discovery.dart';
 import 'discovery_event.dart';
@@ -13,6 +15,43 @@ class BluetoothProber {
   /// The prober.
   const BluetoothProber();
 
+  static final Stream<Map<String, int>> _readings =
+      Stream<Map<String, int>>.multi(
+    (MultiStreamController<Map<String, int>> listener) {
+      listener
+        ..add(_latest)
+        ..onCancel = _changes.stream
+            .listen(listener.add, onError: listener.addError)
+            .cancel;
+    },
+    isBroadcast: true,
+  );
+
+  // Collects for all listeners while there is one. Losses that come later are
+  // not heard of, so the readings are forgotten then.
+  static final StreamController<Map<String, int>> _changes =
+      StreamController<Map<String, int>>.broadcast(
+    sync: true,
+    onListen: () => _events = const BluetoothDiscovery()
+        .events
+        .listen(_collect, onError: _changes.addError),
+    onCancel: () {
+      unawaited(_events.cancel());
+      _latest = const <String, int>{};
+    },
+  );
+  static late StreamSubscription<DiscoveryEvent> _events;
+  static Map<String, int> _latest = const <String, int>{};
+
+  static void _collect(DiscoveryEvent event) {
+    if (event is DeviceReport) return;
+    final Map<String, int> readings = <String, int>{..._latest};
+    if (event is SignalReading) readings[event.address] = event.rssi;
+    if (event is DeviceLoss) readings.remove(event.address);
+    _latest = Map<String, int>.unmodifiable(readings);
+    _changes.add(_latest);
+  }
+
   /// Sets the secret that the prober shows to devices, and starts the prober
   /// with the first. It runs until the application ends. Another secret counts
   /// from the next cycle on; with an empty one nothing is probed. Does not
@@ -22,19 +61,12 @@ class BluetoothProber {
         <String, Object?>{'secret': secret},
       );
 
-  /// The devices' latest readings in dBm by address: a new map after each
-  /// reading and each loss, which takes the device out of it.
+  /// The devices' latest readings in dBm by address: the present map, then a
+  /// new one after each reading and each loss, which takes the device out.
   ///
-  /// Another stream each time, for one listener; it begins with an empty map.
-  /// The maps cannot be changed.
-  Stream<Map<String, int>> get readings {
-    final Map<String, int> latest = <String, int>{};
-    return const BluetoothDiscovery().events.expand((DiscoveryEvent event) {
-      if (event is SignalReading) latest[event.address] = event.rssi;
-      if (event is DeviceLoss) latest.remove(event.address);
-      return <Map<String, int>>[
-        if (event is! DeviceReport) Map<String, int>.unmodifiable(latest),
-      ];
-    });
-  }
+  /// One broadcast stream for any number of listeners, so it may be taken in a
+  /// `build` method. It collects while somebody listens: the first listener's
+  /// map is empty, also when it had left and comes back. The maps cannot be
+  /// changed.
+  Stream<Map<String, int>> get readings => _readings;
 }

@@ -99,8 +99,8 @@ function checkExports() {
 // Which names of Dart's and Flutter's libraries make an import necessary. Only
 // these count as a use of it.
 const otherLibraries = {
-  'dart:async': ['Completer', 'FutureOr', 'StreamController', 'StreamSubscription',
-    'Timer', 'unawaited'],
+  'dart:async': ['Completer', 'FutureOr', 'MultiStreamController', 'StreamController',
+    'StreamSubscription', 'Timer', 'unawaited'],
   'dart:math': ['min', 'max'],
   'dart:convert': ['LineSplitter', 'Utf8Decoder', 'utf8'],
   'package:flutter/foundation.dart': ['immutable', 'kDebugMode'],
