@@ -48,16 +48,22 @@ def fresh(folder):
     return folder
 
 
+def published_files(root, history):
+    """Returns what of `root` is published, by its .pubignore: as the registry's
+    tool does, without a look at what git keeps. `history` is an empty one."""
+    git = {'GIT_DIR': history, 'GIT_WORK_TREE': root}
+    run('git', 'init', '--quiet', env=environment(**git))
+    files = run('git', '-C', root, 'ls-files', '-z', '--others',
+                '--exclude-from=.pubignore', env=environment(**git))
+    return [name for name in files.split('\0') if name]
+
+
 def publish(cache):
     """Copies what a published package holds; returns its folder and pubspec."""
     pubspec = yaml.safe_load((ROOT / 'pubspec.yaml').read_text())
     cache.mkdir()
     package = cache / f"{pubspec['name']}-{pubspec['version']}"
-    git = {'GIT_DIR': cache / 'no history', 'GIT_WORK_TREE': ROOT}
-    run('git', 'init', '--quiet', env=environment(**git))
-    files = run('git', '-C', ROOT, 'ls-files', '-z', '--others',
-                '--exclude-from=.pubignore', env=environment(**git))
-    for name in filter(None, files.split('\0')):
+    for name in published_files(ROOT, cache / 'no history'):
         check('flutter_linux' not in name,
               f'the package brings an embedding of its own: {name}')
         target = package / name
