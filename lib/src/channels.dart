@@ -43,10 +43,10 @@ abstract final class BluetoothChannels {
   /// Lets the framework keep 1,024 messages of [read] for [id] until somebody
   /// listens; by default it keeps the newest alone.
   ///
-  /// What a device sends can arrive before the answer to `connect`. So call this
-  /// before the request, for the id that it can get: the one that follows the
-  /// highest so far. `BluetoothConnection.open` does. Nothing happens when it is
-  /// called again for an id.
+  /// What a device sends can arrive before the answer to `connect`. So call
+  /// this before the request, for the id that it can get: the one that follows
+  /// the highest so far. `BluetoothConnection.open` does. Nothing happens when
+  /// it is called again for an id.
   static void bufferRead(int id) {
     if (!_buffered.add(id)) return;
     // A new name takes room for all at once and for good, one that grows later
@@ -56,8 +56,8 @@ abstract final class BluetoothChannels {
       ..resize(read(id).name, 1024);
   }
 
-  /// Lets the framework keep nothing of [read] for [id], and print nothing about
-  /// that. For a connection that is being closed.
+  /// Lets the framework keep nothing of [read] for [id], and print nothing
+  /// about that. For a connection that is being closed.
   static void discardRead(int id) {
     ServicesBinding.instance.channelBuffers
       ..resize(read(id).name, 0)

@@ -61,9 +61,9 @@ class BluetoothConnection {
     }
   }
 
-  // An event can overtake the answer that tells its connection's id. The plug-in
-  // counts ids up from 1, and a connect that fails uses none, so each open under
-  // way gets one of the next.
+  // An event can overtake the answer that tells its connection's id. The
+  // plug-in counts ids up from 1, and a connect that fails uses none, so each
+  // open under way gets one of the next.
   static void _makeRoom() {
     for (int next = 1; next <= _opening; next++) {
       BluetoothChannels.bufferRead(_highestId + next);
@@ -87,12 +87,13 @@ class BluetoothConnection {
   /// earlier time. All of those are closed. While it has got none, those up to
   /// [limit] are, which leaves any with a higher id open; this then ends early
   /// when [open] is called meanwhile. An id costs about 2 milliseconds since
-  /// Flutter 3.39, before that one. Connections that the application opened with
-  /// a `connect` of its own are closed, too.
+  /// Flutter 3.39, before that one. Connections that the application opened
+  /// with a `connect` of its own are closed, too.
   ///
-  /// The first [open] afterwards expects the id that follows the last one closed
-  /// here. When none was, or connections with higher ids had been closed before
-  /// the restart, it expects the wrong one, with what [open] says of that.
+  /// The first [open] afterwards expects the id that follows the last one
+  /// closed here. When none was, or connections with higher ids had been closed
+  /// before the restart, it expects the wrong one, with what [open] says of
+  /// that.
   ///
   /// Throws [BluetoothException] with [BluetoothException.noPlugin] where there
   /// is no plug-in, as on another operating system.
@@ -203,8 +204,8 @@ class BluetoothConnection {
   void _end() {
     if (_done.isCompleted) return;
     _done.complete();
-    // The future completes when the application has heard of the end, so perhaps
-    // never.
+    // The future completes when the application has heard of the end, so
+    // perhaps never.
     unawaited(_received.close());
   }
 

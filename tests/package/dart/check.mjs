@@ -1,6 +1,6 @@
-// Checks the package's Dart code as far as that goes without a compiler: syntax,
-// documentation, exports, imports, and the names that are shared with the
-// channels' page. Types are not checked.
+// Checks the package's Dart code as far as that goes without a compiler: syntax, the
+// look of its lines, documentation, exports, imports, and the names that are shared
+// with the channels' page. Types are not checked.
 // Usage: node check.mjs MODULES ROOT, where MODULES is the folder into which npm
 // installed.
 
@@ -63,6 +63,23 @@ function checkSyntax() {
   }
   for (const { page, firstLine, tree } of blocks) {
     failures.push(...syntaxErrors(tree, firstLine).map((error) => `${page}: ${error}`));
+  }
+}
+
+// What of the formatter's work can be seen without it.
+function checkLines() {
+  const texts = [...[...files.keys()].map((name) => [name, 1, read(name)]),
+    ...blocks.map(({ page, firstLine, source }) => [page, firstLine, source])];
+  for (const [name, firstLine, source] of texts) {
+    source.split('\n').forEach((line, index) => {
+      const where = `${name}: line ${firstLine + index}`;
+      check([...line].length <= 80, `${where} is wider than 80 columns`);
+      check(!/\s$/.test(line), `${where} ends with a blank`);
+      check(!line.includes('\t'), `${where} has a tab`);
+      check((line.match(/^ */)[0].length) % 2 === 0 || /^ +\/\/|^ +\*/.test(line),
+          `${where} is indented by an odd number of blanks`);
+    });
+    check(/[^\n]\n$/.test(source), `${name} does not end with one line's end`);
   }
 }
 
@@ -233,6 +250,7 @@ function checkNames() {
 }
 
 checkSyntax();
+checkLines();
 checkDocumentation();
 checkExports();
 checkImports();
