@@ -415,7 +415,7 @@ FlValue* fl_value_lookup(FlValue* value, FlValue* key) {
 }
 
 FlValue* fl_value_lookup_string(FlValue* value, const gchar* key) {
-  g_return_val_if_fail(Is(value, FL_VALUE_TYPE_MAP), nullptr);
+  g_return_val_if_fail(value != nullptr, nullptr);
   g_autoptr(FlValue) string_key = fl_value_new_string(key);
   return fl_value_lookup(value, string_key);
 }

@@ -489,8 +489,9 @@ FlMethodResponse* HandleConnect(const Call& call) {
   const std::lock_guard<std::mutex> lock(state->connections_mutex);
   const int32_t id = state->next_connection_id++;
   FlEventChannel* read_channel = NewReadChannel(state, id);
-  // Nothing is delivered before the entry exists and the answer has left: the
-  // chunks go through the main loop, and this handler holds the main thread.
+  // No chunk leaves before the entry exists and the answer has left: chunks go
+  // through the main loop, and this handler holds the main thread. Where Dart
+  // runs on that thread, they can still arrive there before the answer does.
   connection->Start([weak_state = state->weak_from_this(), id](
                         const uint8_t* data, size_t count, bool end) {
     QueueReadChunk(weak_state, id, data, count, end);

@@ -236,15 +236,19 @@ TEST(FlValue, LooksUpKeysOfAnyType) {
 
 TEST(FlValue, LooksUpInMapsOnly) {
   g_autoptr(FlValue) list = fl_value_new_list();
+  g_autoptr(FlValue) key = fl_value_new_string("a");
   for (FlValue* value : {list, static_cast<FlValue*>(nullptr)}) {
-    EXPECT_TRUE(IsProgrammingError("fl_value_lookup_string", [&] {
-      EXPECT_EQ(fl_value_lookup_string(value, "a"), nullptr);
-    }));
-    g_autoptr(FlValue) key = fl_value_new_string("a");
     EXPECT_TRUE(IsProgrammingError("fl_value_lookup(", [&] {
       EXPECT_EQ(fl_value_lookup(value, key), nullptr);
     }));
   }
+  // Null is reported by the function that got it, another type by the lookup.
+  EXPECT_TRUE(IsProgrammingError("fl_value_lookup_string(", [] {
+    EXPECT_EQ(fl_value_lookup_string(nullptr, "a"), nullptr);
+  }));
+  EXPECT_TRUE(IsProgrammingError("fl_value_lookup(", [&] {
+    EXPECT_EQ(fl_value_lookup_string(list, "a"), nullptr);
+  }));
 }
 
 TEST(FlValue, ReplacesExistingKeysInPlace) {
