@@ -125,12 +125,16 @@ bool RfcommConnection::Connect(const std::string& address) {
     return false;
   }
   const int fd = OpenRfcommSocket();
-  // A connection without its wake-up is as good as one without its socket.
-  const int wake_fd = fd < 0 ? -1 : eventfd(0, EFD_CLOEXEC);
-  if (wake_fd < 0) {
+  if (fd < 0) {
     std::fprintf(stderr, "lumso_bluetooth: socket() failed: %s\n",
                  std::strerror(errno));
-    if (fd >= 0) close(fd);
+    return false;
+  }
+  const int wake_fd = eventfd(0, EFD_CLOEXEC);
+  if (wake_fd < 0) {
+    std::fprintf(stderr, "lumso_bluetooth: eventfd() failed: %s\n",
+                 std::strerror(errno));
+    close(fd);
     return false;
   }
   if (!ConnectSocket(fd, remote)) {

@@ -321,12 +321,12 @@ TEST_F(Connect, ReportsAFailedSocket) {
   EXPECT_EQ(fake_.sockets(), 0);
 }
 
-TEST_F(Connect, ReportsAFailedWakeDescriptorLikeAFailedSocket) {
+TEST_F(Connect, ReportsAFailedWakeDescriptorByItsOwnName) {
   const size_t descriptors = CountDescriptors();
   fake_.Script(Call::kEventfd, {Fail(EMFILE)});
   bool connected = true;
   EXPECT_EQ(StderrOf([&] { connected = connection_.Connect(kAddress); }),
-            std::string("lumso_bluetooth: socket() failed: ") +
+            std::string("lumso_bluetooth: eventfd() failed: ") +
                 strerror(EMFILE) + "\n");
   EXPECT_FALSE(connected);
   EXPECT_EQ(fake_.count(Call::kConnect), 0u);

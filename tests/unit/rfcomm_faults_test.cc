@@ -44,6 +44,7 @@ struct CallSite {
 };
 
 constexpr char kNoSocket[] = "lumso_bluetooth: socket() failed: *\n";
+constexpr char kNoWakeUp[] = "lumso_bluetooth: eventfd() failed: *\n";
 constexpr char kNoConnection[] =
     "lumso_bluetooth: RFCOMM connect to AA:BB:CC:DD:EE:0F failed: *\n";
 constexpr char kReadFailed[] = "lumso_bluetooth: RFCOMM read error: *\n";
@@ -52,7 +53,7 @@ constexpr char kWriteFailed[] = "lumso_bluetooth: RFCOMM write error: *\n";
 const CallSite kCallSites[] = {
     {"socket", Call::kSocket, Reach::kNowhere, kSocketErrors, kNoSocket},
     {"fcntl", Call::kSetDescriptorFlags, Reach::kToBoth, kFcntlErrors, ""},
-    {"eventfd", Call::kEventfd, Reach::kNowhere, kEventfdErrors, kNoSocket},
+    {"eventfd", Call::kEventfd, Reach::kNowhere, kEventfdErrors, kNoWakeUp},
     {"connect",
      Call::kConnect,
      Reach::kNowhere,
