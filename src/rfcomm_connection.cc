@@ -25,13 +25,20 @@ constexpr size_t kReadBufferSize = 2048;
 // sends any of it, so one large call stalls for 30 s and comes back short.
 constexpr size_t kMaxWriteSize = 4096;
 
-// Blocks every signal of the calling thread while it exists.
+// A thread's own faults. The kernel ends the process when the thread at fault
+// has them blocked, and the host's crash handler never runs.
+constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL,
+                                 SIGTRAP, SIGSYS, SIGABRT};
+
+// Blocks the host's signals on the calling thread while it exists: all but
+// those of faults, which stay as the host has them.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : kFaultSignals) sigdelset(&signals, fault);
+    pthread_sigmask(SIG_BLOCK, &signals, &before_);
   }
   ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
   SignalsBlocked(const SignalsBlocked&) = delete;

@@ -46,9 +46,11 @@ ssize_t ReadReady(int fd, short revents, void* data, size_t size);
 bool WriteAll(int fd, const void* data, size_t count);
 
 // Starts a thread called `name` (a literal of at most 15 characters) that takes
-// none of the host's signals: all are blocked on it from the start, and the
-// caller's mask is unchanged. Throws std::system_error when no thread can be
-// made. For readers and the prober alike.
+// none of the host's signals: all are blocked on it from the start but those of
+// the thread's own faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS,
+// SIGABRT), which stay as on the caller, so that a crash reaches the host's
+// handler. The caller's mask is unchanged. Throws std::system_error when no
+// thread can be made. Any thread.
 std::thread StartThread(const char* name, std::function<void()> body);
 
 // One outgoing RFCOMM stream to channel 1 of a remote device, made fresh for

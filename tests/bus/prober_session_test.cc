@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "tests/bus/prober_test.h"
+#include "tests/support/faults.h"
 #include "tests/support/without_standard_input.h"
 
 namespace lumso_test {
@@ -631,7 +632,7 @@ void DirtyAStack() {
   }).join();
 }
 
-TEST_F(ProbeExchange, RunsWithEverySignalBlocked) {
+TEST_F(ProbeExchange, RunsWithEverySignalBlockedButThoseOfFaults) {
   AddTarget(Reading(-61));
   DirtyAStack();
   const uint64_t blocked = BlockedSignals(gettid());
@@ -641,8 +642,27 @@ TEST_F(ProbeExchange, RunsWithEverySignalBlocked) {
   const uint64_t never = uint64_t{1} << (SIGKILL - 1) |
                          uint64_t{1} << (SIGSTOP - 1) | uint64_t{1} << SIGSYS |
                          uint64_t{1} << (SIGSYS + 1);
-  EXPECT_EQ(BlockedSignals(air.calls(Call::kSocket).at(0).thread), ~never);
+  EXPECT_EQ(BlockedSignals(air.calls(Call::kSocket).at(0).thread),
+            ~(never | FaultSignals()));
   EXPECT_EQ(BlockedSignals(gettid()), blocked);
+}
+
+class ProbeFault : public ProberTest,
+                   public ::testing::WithParamInterface<Fault> {};
+
+INSTANTIATE_TEST_SUITE_P(Of, ProbeFault, ::testing::ValuesIn(kFaults),
+                         ::testing::PrintToStringParamName());
+
+TEST_P(ProbeFault, ReachesTheHostsHandler) {
+  const std::string address = AddTarget(Reading(-61));
+  bool reached = false;
+  air.Script(address, Call::kWrite, {After([&] {
+               EXPECT_NE(gettid(), getpid());
+               reached = ReachesTheCrashHandler(GetParam());
+             })});
+  RunCycle();
+  EXPECT_TRUE(reached);
+  EXPECT_THAT(TakeEvents(), ElementsAre(Update(address, -61)));
 }
 
 // A write to a local stream whose other end is gone raises SIGPIPE, and a host

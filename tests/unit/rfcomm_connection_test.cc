@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "tests/support/fake_rfcomm.h"
+#include "tests/support/faults.h"
 #include "tests/support/without_standard_input.h"
 
 namespace {
@@ -38,9 +39,13 @@ using lumso_test::CountThreadsNamed;
 using lumso_test::Eventually;
 using lumso_test::Fail;
 using lumso_test::FakeRfcomm;
+using lumso_test::Fault;
+using lumso_test::FaultSignals;
 using lumso_test::kFakeDeadline;
+using lumso_test::kFaults;
 using lumso_test::Pass;
 using lumso_test::Peer;
+using lumso_test::ReachesTheCrashHandler;
 using lumso_test::Return;
 using lumso_test::WithoutStandardInput;
 using std::chrono::milliseconds;
@@ -508,32 +513,76 @@ TEST_F(Start, RunsOneReaderThreadUntilClose) {
   EXPECT_TRUE(Eventually([&] { return CountThreads() == threads; }));
 }
 
-// Every signal that can be blocked, as bits.
+uint64_t Bit(int signal) { return uint64_t{1} << (signal - 1); }
+
+// The signals that the calling thread has blocked, as bits.
 uint64_t BlockedSignals() {
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
   uint64_t bits = 0;
-  for (int number = 1; number < 64; ++number) {
-    if (sigismember(&mask, number) == 1) bits |= uint64_t{1} << number;
+  for (int number = 1; number < NSIG; ++number) {
+    if (sigismember(&mask, number) == 1) bits |= Bit(number);
   }
   return bits;
 }
 
-TEST_F(Start, GivesTheReaderNoneOfTheHostsSignals) {
-  const auto peer = Open();
-  const uint64_t before = BlockedSignals();
-  uint64_t blocked = 0;
-  connection_.Start([&](const uint8_t*, size_t, bool end) {
-    if (end) blocked = BlockedSignals();
-  });
-  EXPECT_EQ(BlockedSignals(), before);
-  connection_.Close();
-  for (int number = 1; number < SIGRTMIN; ++number) {
-    // These two can not be blocked, and what follows SIGSYS is libc's.
-    if (number == SIGKILL || number == SIGSTOP || number > SIGSYS) continue;
-    EXPECT_NE(blocked & (uint64_t{1} << number), 0u) << strsignal(number);
+class ReaderSignals : public RfcommConnectionTest {
+ protected:
+  // Returns what a reader has blocked that is started now.
+  uint64_t BlockedOnAReader() {
+    fake_.AddDevice(kAddress);
+    RfcommConnection connection;
+    EXPECT_TRUE(connection.Connect(kAddress));
+    uint64_t blocked = 0;
+    connection.Start([&](const uint8_t*, size_t, bool end) {
+      if (end) blocked = BlockedSignals();
+    });
+    connection.Close();
+    return blocked;
   }
-  EXPECT_EQ(before & (uint64_t{1} << SIGTERM), 0u);
+};
+
+TEST_F(ReaderSignals, AreBlockedButForFaults) {
+  const uint64_t before = BlockedSignals();
+  EXPECT_EQ(before & (FaultSignals() | Bit(SIGTERM)), 0u);
+  // Two cannot be blocked, and libc keeps those below SIGRTMIN to itself.
+  uint64_t never = Bit(SIGKILL) | Bit(SIGSTOP);
+  for (int number = SIGSYS + 1; number < SIGRTMIN; ++number) {
+    never |= Bit(number);
+  }
+  EXPECT_EQ(BlockedOnAReader(), ~(never | FaultSignals()));
+  EXPECT_EQ(BlockedSignals(), before);
+}
+
+// Such a host waits for the signal elsewhere, with sigwait() or a signalfd: on
+// an open reader it would end the process.
+TEST_F(ReaderSignals, OfAFaultAreBlockedWhereTheHostHasThemBlocked) {
+  for (const Fault& fault : kFaults) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, fault.signal);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
+    EXPECT_EQ(BlockedOnAReader() & FaultSignals(), Bit(fault.signal))
+        << fault.name;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+}
+
+class ReaderFault : public RfcommConnectionTest,
+                    public testing::WithParamInterface<Fault> {};
+
+INSTANTIATE_TEST_SUITE_P(Of, ReaderFault, testing::ValuesIn(kFaults),
+                         testing::PrintToStringParamName());
+
+TEST_P(ReaderFault, ReachesTheHostsHandler) {
+  const auto peer = Open();
+  bool reached = false;
+  connection_.Start([&](const uint8_t*, size_t, bool end) {
+    if (end) reached = ReachesTheCrashHandler(GetParam());
+  });
+  connection_.Close();
+  EXPECT_TRUE(reached);
 }
 
 TEST_F(Start, LetsAReaderReadThatIsQuickerThanItsMaker) {
