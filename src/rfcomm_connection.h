@@ -15,6 +15,8 @@
 
 namespace lumso_bluetooth {
 
+// -- Sockets, of connections and of the prober --------------------------------
+
 // Fills in the kernel's socket address of RFCOMM channel 1 of `address` (six
 // two-digit hexadecimal fields joined by colons, as str2ba() of libbluetooth
 // takes them). Returns false when it is not an address. Any thread.
@@ -41,9 +43,14 @@ ssize_t ReadReady(int fd, short revents, void* data, size_t size);
 // Writes `count` bytes to a blocking RFCOMM socket, in slices that the kernel
 // can send, and goes on after signals. Returns whether it took them all; if
 // not, errno is the failed write()'s, or unchanged when a write() took 0 bytes.
-// Waits while the peer takes nothing, until the kernel gives a slice up after
-// 30 s. Does not suppress SIGPIPE. Any thread.
+// Does not suppress SIGPIPE. Any thread.
+//
+// Waits for the peer, without a bound of its own. A peer that takes nothing
+// fails it: after 30 s, or after 60 s where the kernel first returns the short
+// count of what it had placed. One that takes a frame now and then does not.
 bool WriteAll(int fd, const void* data, size_t count);
+
+// -- Threads, of connections and of the prober --------------------------------
 
 // Starts a thread called `name` (a literal of at most 15 characters) that takes
 // none of the host's signals: all are blocked on it from the start but those of
@@ -53,12 +60,15 @@ bool WriteAll(int fd, const void* data, size_t count);
 // thread can be made. Any thread.
 std::thread StartThread(const char* name, std::function<void()> body);
 
+// -- Connections --------------------------------------------------------------
+
 // One outgoing RFCOMM stream to channel 1 of a remote device, made fresh for
 // each attempt to connect.
 //
 // The object owns its socket and one reader thread, which hands every run of
-// received bytes to a callback. All methods belong to the main thread, but for
-// Write(), which threads may share; the callback runs on the reader thread.
+// received bytes to a callback. All methods belong to the main thread; the
+// callback runs on the reader thread. Calls of Write() alone may come from
+// several threads, and take turns; none may run beside Connect() or Close().
 // Failures are written to standard error, one line each, and returned as false.
 class RfcommConnection {
  public:
