@@ -19,7 +19,6 @@
 #include <memory>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -111,9 +110,10 @@ struct PluginState : std::enable_shared_from_this<PluginState> {
   std::mutex rssi_failures_mutex;
 };
 
-// User data of a read channel's handlers, which must not follow `state`: the
-// messenger keeps the channel, and with it this record, past "disconnect" and
-// perhaps past the state.
+// User data of a read channel's handlers: whose channel it is. They treat all
+// alike and use none of it. One that did must not follow `state`: the messenger
+// keeps the channel, and with it this record, past "disconnect" and perhaps
+// past the state.
 struct ReadChannelContext {
   PluginState* state;
   int32_t id;
@@ -262,9 +262,11 @@ void SendStateEvent(PluginState* state) {
 }
 
 // Returns the state that a stream handler works on, or null when there is no
-// client. The callables that it installs borrow the state: they go with the
-// client, before it. A copy of one may still be inside its send when both go,
-// so nothing follows the send.
+// client. The callables that the handler installs in the client borrow the
+// state: the client, and the callables with it, goes before the state. But the
+// client calls a copy of its callable, and while the copy is inside its send,
+// the application may end client and state. So a callable does nothing after
+// its send.
 PluginState* StateWithClient(gpointer plugin) {
   if (plugin == nullptr) return nullptr;
   PluginState* state = StateOf(plugin);
@@ -533,25 +535,24 @@ FlMethodResponse* HandleDisconnect(const Call& call) {
 
 // -- Side-band session -------------------------------------------------------
 
-// What one probe of a device came to.
+// What a probe of a device, or a step of one, came to.
 struct ProbeOutcome {
   bool ok;
-  int32_t value;      // the reading in dBm; 0 unless ok
+  int32_t value;      // the reading in dBm; 0 unless ok, and where none is read
   bool transient;     // a failure that is not counted
   std::string error;  // empty when ok
 };
 
-// Why a probe came to nothing; no value while it goes well.
-struct ProbeFailure {
-  std::string error;
-  bool transient = false;
-};
-using MaybeFailure = std::optional<ProbeFailure>;
+ProbeOutcome Succeeded(int32_t value = 0) { return {true, value, false, ""}; }
 
-ProbeFailure ConnectFailure(int error) {
+ProbeOutcome Failed(std::string error, bool transient = false) {
+  return {false, 0, transient, std::move(error)};
+}
+
+ProbeOutcome FailedToConnect(int error) {
   const bool transient =
       error == ENETUNREACH || error == ECONNREFUSED || error == EHOSTUNREACH;
-  return {std::string("connect: ") + std::strerror(error), transient};
+  return Failed(std::string("connect: ") + std::strerror(error), transient);
 }
 
 // Reads from `fd` until `buffer` holds `terminator`. Returns false on timeout,
@@ -583,22 +584,26 @@ bool RecvUntil(int fd, std::string* buffer, const char* terminator,
   }
 }
 
+bool SendText(int fd, std::string_view text) {
+  return WriteAll(fd, text.data(), text.size());
+}
+
 // Connects `fd` within kConnectTimeout and leaves it blocking.
-MaybeFailure ConnectProbe(int fd, const sockaddr_rc& remote) {
+ProbeOutcome ConnectProbe(int fd, const sockaddr_rc& remote) {
   const int flags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, flags | O_NONBLOCK);
   if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) <
       0) {
-    if (errno != EINPROGRESS) return ConnectFailure(errno);
+    if (errno != EINPROGRESS) return FailedToConnect(errno);
     pollfd wait = {fd, POLLOUT, 0};
     if (poll(&wait, 1, static_cast<int>(kConnectTimeout.count())) <= 0) {
-      return ProbeFailure{"connect timeout"};
+      return Failed("connect timeout");
     }
     const int error = TakeSocketError(fd);
-    if (error != 0) return ConnectFailure(error);
+    if (error != 0) return FailedToConnect(error);
   }
   fcntl(fd, F_SETFL, flags);
-  return std::nullopt;
+  return Succeeded();
 }
 
 // Ends the stream and drops a little of what has come meanwhile. On a kernel
@@ -615,34 +620,31 @@ void HalfCloseAndDrain(int fd) {
 
 // Runs the exchange on a connected socket. `buffer`, empty before, serves all
 // of its waits and holds the reply in the end.
-MaybeFailure RunProbeExchange(int fd, const std::string& secret,
+ProbeOutcome RunProbeExchange(int fd, const std::string& secret,
                               std::string* buffer) {
   if (!RecvUntil(fd, buffer, "auth\r\n", kGreetingTimeout)) {
-    return ProbeFailure{"greeting timeout"};
+    return Failed("greeting timeout");
   }
   buffer->clear();
-  const std::string auth = "auth=" + secret + "\r\n";
-  if (!WriteAll(fd, auth.data(), auth.size())) {
-    return ProbeFailure{"send auth"};
-  }
+  if (!SendText(fd, "auth=" + secret + "\r\n")) return Failed("send auth");
   if (!RecvUntil(fd, buffer, "ready\r\n", kReadyTimeout)) {
-    return ProbeFailure{"ready timeout"};
+    return Failed("ready timeout");
   }
   buffer->clear();
-  if (!WriteAll(fd, "rssi\r\n", 6)) return ProbeFailure{"send rssi"};
+  if (!SendText(fd, "rssi\r\n")) return Failed("send rssi");
   if (!RecvUntil(fd, buffer, "!!END", kReplyTimeout)) {
-    return ProbeFailure{"rssi timeout"};
+    return Failed("rssi timeout");
   }
   HalfCloseAndDrain(fd);
-  return std::nullopt;
+  return Succeeded();
 }
 
 // Reads the integer that follows the key "rssi" and a colon in a reply.
-MaybeFailure ParseReading(const std::string& reply, int32_t* reading) {
+ProbeOutcome ParseReading(const std::string& reply) {
   const size_t key = reply.find("\"rssi\"");
-  if (key == std::string::npos) return ProbeFailure{"no rssi in response"};
+  if (key == std::string::npos) return Failed("no rssi in response");
   const size_t colon = reply.find(':', key);
-  if (colon == std::string::npos) return ProbeFailure{"no rssi value"};
+  if (colon == std::string::npos) return Failed("no rssi value");
   const size_t start =
       std::min(reply.find_first_not_of(" \t", colon + 1), reply.size());
   const bool has_sign =
@@ -651,45 +653,36 @@ MaybeFailure ParseReading(const std::string& reply, int32_t* reading) {
       reply.find_first_not_of("0123456789", start + (has_sign ? 1 : 0)),
       reply.size());
   const std::string candidate = reply.substr(start, end - start);
-  if (candidate.empty()) return ProbeFailure{"rssi value not integer"};
+  if (candidate.empty()) return Failed("rssi value not integer");
 
   char* rest = nullptr;
   errno = 0;
   const long value = std::strtol(candidate.c_str(), &rest, 10);
   if (rest == candidate.c_str() || errno == ERANGE || value < INT32_MIN ||
       value > INT32_MAX) {
-    return ProbeFailure{"rssi parse"};
+    return Failed("rssi parse");
   }
-  *reading = static_cast<int32_t>(value);
-  return std::nullopt;
+  return Succeeded(static_cast<int32_t>(value));
 }
 
-// The steps of one probe, on a connection of its own.
-MaybeFailure Probe(const std::string& address, const std::string& secret,
-                   int32_t* reading) {
-  sockaddr_rc remote;
-  if (!ParseRfcommAddress(address, &remote)) return ProbeFailure{"bad address"};
-  const int fd = OpenRfcommSocket();
-  if (fd < 0) {
-    return ProbeFailure{std::string("socket: ") + std::strerror(errno)};
-  }
-  std::string buffer;
-  MaybeFailure failure = ConnectProbe(fd, remote);
-  if (!failure) failure = RunProbeExchange(fd, secret, &buffer);
-  close(fd);
-  return failure ? failure : ParseReading(buffer, reading);
-}
-
-// Asks the device at `address` for its signal strength. Prober thread. Its
-// waits for the device add up to about seventeen seconds at most; a secret
-// larger than the socket's buffer can add 30 s for each slice that the device
-// does not take.
+// Asks the device at `address` for its signal strength, on a connection of its
+// own. Prober thread.
+//
+// Its waits for the device's lines add up to about seventeen seconds at most. A
+// secret larger than the socket's buffer adds what WriteAll() waits: a device
+// that takes nothing fails the probe after 30 s, or 60 s after a short count;
+// one that takes a frame now and then holds it without a bound.
 ProbeOutcome ProbeDeviceRssi(const std::string& address,
                              const std::string& secret) {
-  int32_t reading = 0;
-  const MaybeFailure failure = Probe(address, secret, &reading);
-  return {!failure, reading, failure && failure->transient,
-          failure ? failure->error : ""};
+  sockaddr_rc remote;
+  if (!ParseRfcommAddress(address, &remote)) return Failed("bad address");
+  const int fd = OpenRfcommSocket();
+  if (fd < 0) return Failed(std::string("socket: ") + std::strerror(errno));
+  std::string buffer;
+  ProbeOutcome outcome = ConnectProbe(fd, remote);
+  if (outcome.ok) outcome = RunProbeExchange(fd, secret, &buffer);
+  close(fd);
+  return outcome.ok ? ParseReading(buffer) : outcome;
 }
 
 // -- Side-band events --------------------------------------------------------
