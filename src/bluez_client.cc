@@ -96,10 +96,15 @@ GVariantPtr Child(GVariant* container, gsize index) {
   return GVariantPtr(g_variant_get_child_value(container, index));
 }
 
-// The text of a string or an object path, borrowed from the message.
+// The text of a string or an object path, borrowed: it lives as long as
+// `value`, which the message it was taken from need not keep.
 const gchar* Text(GVariant* value) {
   return g_variant_get_string(value, nullptr);
 }
+
+// What is where in an entry of a dictionary.
+constexpr gsize kEntryKey = 0;
+constexpr gsize kEntryValue = 1;
 
 // What is in the variant at `index`.
 GVariantPtr Unboxed(GVariant* container, gsize index) {
@@ -118,28 +123,28 @@ void ForEachChild(GVariant* container, Visitor visit) {
 // uses few of a device's properties, and most of the cost is the memory
 // touched.
 void ReadString(GVariant* entry, std::string* field) {
-  const GVariantPtr value = Unboxed(entry, 1);
+  const GVariantPtr value = Unboxed(entry, kEntryValue);
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING)) {
     *field = Text(value.get());
   }
 }
 
 void ReadBoolean(GVariant* entry, bool* field) {
-  const GVariantPtr value = Unboxed(entry, 1);
+  const GVariantPtr value = Unboxed(entry, kEntryValue);
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_BOOLEAN)) {
     *field = g_variant_get_boolean(value.get());
   }
 }
 
 void ReadInt16(GVariant* entry, int32_t* field) {
-  const GVariantPtr value = Unboxed(entry, 1);
+  const GVariantPtr value = Unboxed(entry, kEntryValue);
   if (g_variant_is_of_type(value.get(), G_VARIANT_TYPE_INT16)) {
     *field = g_variant_get_int16(value.get());
   }
 }
 
 void ReadStrings(GVariant* entry, std::vector<std::string>* field) {
-  const GVariantPtr value = Unboxed(entry, 1);
+  const GVariantPtr value = Unboxed(entry, kEntryValue);
   if (!g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING_ARRAY)) return;
   field->reserve(g_variant_n_children(value.get()));
   ForEachChild(value.get(),
@@ -150,7 +155,7 @@ void ReadStrings(GVariant* entry, std::vector<std::string>* field) {
 template <typename Visitor>
 void ForEachProperty(GVariant* properties, Visitor visit) {
   ForEachChild(properties, [&visit](GVariant* entry) {
-    const GVariantPtr key = Child(entry, 0);
+    const GVariantPtr key = Child(entry, kEntryKey);
     visit(std::string_view(Text(key.get())), entry);
   });
 }
@@ -161,7 +166,9 @@ template <typename Visitor>
 void ForEachInterface(GVariant* interfaces, std::string_view name,
                       Visitor visit) {
   ForEachChild(interfaces, [name, &visit](GVariant* entry) {
-    if (Text(Child(entry, 0).get()) == name) visit(Child(entry, 1).get());
+    if (Text(Child(entry, kEntryKey).get()) == name) {
+      visit(Child(entry, kEntryValue).get());
+    }
   });
 }
 
@@ -245,8 +252,8 @@ bool BluezClient::ResolveAdapter() {
   const gsize count = g_variant_n_children(objects.get());
   for (gsize i = 0; i < count && adapter_path_ == nullptr; ++i) {
     const GVariantPtr object = Child(objects.get(), i);
-    const GVariantPtr path = Child(object.get(), 0);
-    ForEachInterface(Child(object.get(), 1).get(), kAdapterInterface,
+    const GVariantPtr path = Child(object.get(), kEntryKey);
+    ForEachInterface(Child(object.get(), kEntryValue).get(), kAdapterInterface,
                      [&](GVariant* properties) {
                        TakeAdapter(Text(path.get()), properties);
                      });
@@ -257,7 +264,7 @@ bool BluezClient::ResolveAdapter() {
 void BluezClient::TakeAdapter(const char* path, GVariant* properties) {
   if (adapter_path_ != nullptr) return;  // an object that names it twice
   adapter_path_ = g_strdup(path);
-  ForEachProperty(properties, [this](auto key, GVariant* entry) {
+  ForEachProperty(properties, [this](std::string_view key, GVariant* entry) {
     if (key == "Address") ReadString(entry, &adapter_address_);
     if (key == "Name") ReadString(entry, &adapter_name_);
   });
@@ -268,10 +275,11 @@ void BluezClient::RefreshAdapterProperties() {
   const GVariantPtr properties =
       GetAllProperties(adapter_path_, kAdapterInterface);
   if (properties == nullptr) return;
-  ForEachProperty(properties.get(), [this](auto key, GVariant* entry) {
-    if (key == "Powered") ReadBoolean(entry, &powered_);
-    if (key == "Discovering") ReadBoolean(entry, &discovering_);
-  });
+  ForEachProperty(properties.get(),
+                  [this](std::string_view key, GVariant* entry) {
+                    if (key == "Powered") ReadBoolean(entry, &powered_);
+                    if (key == "Discovering") ReadBoolean(entry, &discovering_);
+                  });
 }
 
 void BluezClient::Subscribe() {
@@ -300,9 +308,9 @@ void BluezClient::OnInterfacesAdded(GDBusConnection*, const gchar*,
   if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE(kInterfacesAddedType))) {
     return;
   }
-  // A report may end the client, and nothing keeps a sender from naming an
-  // interface twice.
-  const std::weak_ptr<void> life = self->life_;
+  // The first report may end the client, and nothing keeps a sender from naming
+  // the interface twice.
+  const std::weak_ptr<Life> life = self->life_;
   const GVariantPtr path = Child(parameters, 0);
   ForEachInterface(
       Child(parameters, 1).get(), kDeviceInterface, [&](GVariant* properties) {
@@ -378,7 +386,7 @@ DiscoveredDevice BluezClient::ParseDevice(const std::string& path,
                                           GVariant* properties) {
   DiscoveredDevice device;
   device.path = path;
-  ForEachProperty(properties, [&device](auto key, GVariant* entry) {
+  ForEachProperty(properties, [&device](std::string_view key, GVariant* entry) {
     if (key == "Address") {
       ReadString(entry, &device.address);
     } else if (key == "Alias") {
@@ -404,9 +412,10 @@ std::vector<DiscoveredDevice> BluezClient::GetKnownDevices() const {
   const GVariantPtr reply = GetManagedObjects();
   if (reply == nullptr) return devices;
   ForEachChild(Child(reply.get(), 0).get(), [&devices](GVariant* object) {
-    const GVariantPtr path = Child(object, 0);
+    const GVariantPtr path = Child(object, kEntryKey);
     ForEachInterface(
-        Child(object, 1).get(), kDeviceInterface, [&](GVariant* properties) {
+        Child(object, kEntryValue).get(), kDeviceInterface,
+        [&](GVariant* properties) {
           devices.push_back(ParseDevice(Text(path.get()), properties));
         });
   });

@@ -93,8 +93,8 @@ class BluezClient {
   // reported success. The agent answers nothing while this runs: both belong to
   // the main thread.
   bool PairDevice(const std::string& address);
-  // Makes the daemon forget the device and its bond. Returns true also when it
-  // never knew it.
+  // Makes the daemon forget the device and its bond. Returns true also when the
+  // device is not found: the daemon never knew it, or does not answer.
   bool RemoveDevice(const std::string& address);
 
  private:
@@ -158,8 +158,11 @@ class BluezClient {
   bool powered_ = false;
   bool discovering_ = false;
   bool discovery_started_ = false;  // by this client, and not yet stopped
-  // Ends with the client: a handler looks at it after each report.
-  const std::shared_ptr<void> life_ = std::make_shared<char>();
+  // Ends with the client, and holds nothing: OnInterfacesAdded(), which may
+  // have several reports to make, learns from it whether one has ended the
+  // client.
+  struct Life {};
+  const std::shared_ptr<Life> life_ = std::make_shared<Life>();
 
  public:
   // Set and cleared by the owner, also from within themselves.
