@@ -1,5 +1,6 @@
 #include "doctor/screen.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -18,6 +19,10 @@ Screen FindScreen() {
   const char* no_color = std::getenv("NO_COLOR");
   screen.colours =
       screen.terminal && able && (no_color == nullptr || *no_color == '\0');
+  winsize size = {};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+    screen.columns = size.ws_col;
+  }
   return screen;
 }
 

@@ -10,6 +10,7 @@ struct Screen {
   bool person = false;    // Types and reads on a terminal.
   bool editing = false;   // The terminal can move its cursor.
   bool colours = false;
+  int columns = 80;  // Of the terminal; 80 when it does not say.
 };
 
 Screen FindScreen();

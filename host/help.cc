@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "doctor/wrap.h"
 #include "host/method_table.h"
 #include "host/session.h"
 
@@ -10,7 +11,11 @@ namespace lumso_host {
 
 namespace {
 
-constexpr size_t kColumn = 22;
+using lumso_doctor::Wrap;
+
+constexpr size_t kCommandColumn = 24;
+// Of --help.
+constexpr size_t kColumns = 80;
 
 constexpr char kCommandsTitle[] =
     "Commands, one per line; blank lines and lines beginning with # are "
@@ -43,19 +48,18 @@ Every line printed is one JSON object:
 Values: null, true, false, strings, arrays and objects are themselves. A number
 without point and exponent is an integer of 64 bits, any other a float; a float
 that is not finite prints as "NaN", "Infinity" or "-Infinity". A list of bytes
-is {"uint8":"68656c6c6f"} (pairs of hexadecimal digits; anything else there is an
-ordinary object); other typed lists print as arrays. A map key that is not a
-string prints as its JSON text. An answer that cannot be decoded prints as
-an error with the code "malformed".
+is {"uint8":"68656c6c6f"} (pairs of hexadecimal digits; anything else there is
+an ordinary object); other typed lists print as arrays. A map key that is not a
+string prints as its JSON text. An answer that cannot be decoded prints as an
+error with the code "malformed".
 
 Commands run strictly one after another. A call, listen or cancel lasts until it
 is answered; sleep and expect hold back the next command, never an event. expect
 counts the lines printed since the last call, listen or expect finished: a call
 and a listen finish with their own answer line, so that lines printed before it,
 and the answer line itself, do not count (the first event of the state channel
-is such a line). An expect finishes with the line that
-it found; the lines after it count for the next one. The oldest lines are
-forgotten beyond 64 MiB of text.
+is such a line). An expect finishes with the line that it found; the lines after
+it count for the next one. The oldest lines are forgotten beyond 64 MiB of text.
 
 On a terminal, that is when standard input and output both are one, a prompt
 waits for the commands, help prints text, and the lines have colours unless
@@ -67,16 +71,20 @@ host. Ctrl-D on an empty line ends it as well. With TERM=dumb there is the bare
 prompt. --json leaves all of this out.
 )";
 
-// Pads `left` to the column and puts the lines of `right` beside it.
-std::string Row(const std::string& left, std::string_view right,
-                size_t column) {
-  std::string text = "  " + left;
-  std::istringstream lines{std::string(right)};
-  bool first = true;
-  for (std::string line; std::getline(lines, line); first = false) {
-    const size_t used = first ? left.size() : 0;
-    if (!first) text += "  ";
+// Puts `right`, in lines that fit `columns`, beside `left` from the column on,
+// or below it where there is little room.
+std::string Row(const std::string& left, std::string_view right, size_t column,
+                size_t columns) {
+  constexpr size_t kLeastRoom = 20;
+  const bool beside = columns >= column + kLeastRoom;
+  if (!beside) column = 4;
+  std::string text = left.empty() ? "" : "  " + left;
+  if (!beside && !left.empty()) text += "\n";
+  size_t used = beside ? text.size() : 0;
+  const size_t room = std::max(columns, column + kLeastRoom) - column;
+  for (const std::string& line : Wrap(right, room)) {
     text += std::string(column > used ? column - used : 1, ' ') + line + "\n";
+    used = 0;
   }
   return text;
 }
@@ -87,14 +95,8 @@ std::string Usage(const Session::Command& command) {
              : std::string(command.name) + " " + command.words;
 }
 
-std::string OneLine(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  return text;
-}
-
 Json CommandHelp(const Session::Command& command) {
-  return {{"command", Usage(command)},
-          {"description", OneLine(command.description)}};
+  return {{"command", Usage(command)}, {"description", command.description}};
 }
 
 Json MethodHelp(const MethodEntry& method) {
@@ -112,28 +114,28 @@ std::string Answer(const Json& method) {
          method["description"].get<std::string>();
 }
 
-std::string MethodText(const Json& method) {
-  constexpr size_t kWidth = 16;
+std::string MethodText(const Json& method, size_t columns) {
+  const auto row = [columns](const char* name, const std::string& text) {
+    constexpr size_t kColumn = 18;
+    return Row(name, text, kColumn, columns);
+  };
   return method["method"].get<std::string>() + "\n" +
-         Row("arguments", method["arguments"].get<std::string>(), kWidth) +
-         Row("answer", Answer(method), kWidth) +
-         Row("neutral answer", method["neutral"].get<std::string>(), kWidth) +
-         Row("example",
-             method["example"].get<std::string>() + "\n" +
-                 JsonLine(method["exampleAnswer"]),
-             kWidth);
+         row("arguments", method["arguments"]) + row("answer", Answer(method)) +
+         row("neutral answer", method["neutral"]) +
+         row("example", method["example"]) +
+         row("", JsonLine(method["exampleAnswer"]));
 }
 
-std::string ListText(const Json& help) {
-  constexpr size_t kWidth = 30;
+std::string ListText(const Json& help, size_t columns) {
+  constexpr size_t kMethodColumn = 32;
   std::string text = "Commands:\n";
   for (const Json& command : help["commands"]) {
     text += Row(command["command"], command["description"].get<std::string>(),
-                kColumn);
+                kCommandColumn, columns);
   }
   text += "Methods (help METHOD says more):\n";
   for (const Json& method : help["methods"]) {
-    text += Row(method["method"], Answer(method), kWidth);
+    text += Row(method["method"], Answer(method), kMethodColumn, columns);
   }
   return text;
 }
@@ -173,7 +175,7 @@ std::vector<std::string> NextWords(const std::vector<std::string>& words,
 std::string ProtocolHelp() {
   std::string text = kCommandsTitle;
   for (const Session::Command& command : Session::Commands()) {
-    text += Row(Usage(command), command.description, kColumn);
+    text += Row(Usage(command), command.description, kCommandColumn, kColumns);
   }
   return text + kLines;
 }
@@ -194,15 +196,15 @@ Json HelpOn(std::string_view name) {
   return {{"commands", std::move(commands)}, {"methods", std::move(methods)}};
 }
 
-std::string HelpText(const Json& help) {
+std::string HelpText(const Json& help, size_t columns) {
   std::string text;
   if (help.contains("method")) {
-    text = MethodText(help);
+    text = MethodText(help, columns);
   } else if (help.contains("command")) {
-    text = help["command"].get<std::string>() + "\n  " +
-           help["description"].get<std::string>() + "\n";
+    text = help["command"].get<std::string>() + "\n" +
+           Row("", help["description"].get<std::string>(), 2, columns);
   } else {
-    text = ListText(help);
+    text = ListText(help, columns);
   }
   text.pop_back();
   return text;

@@ -3,6 +3,7 @@
 #ifndef LUMSO_BLUETOOTH_HOST_HELP_H_
 #define LUMSO_BLUETOOTH_HOST_HELP_H_
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,8 +19,9 @@ std::string ProtocolHelp();
 // them when `name` is empty; null when there is no such name.
 Json HelpOn(std::string_view name);
 
-// Returns the same as text for people, without the last line end.
-std::string HelpText(const Json& help);
+// Returns the same as text for people, in lines that fit `columns`, without the
+// last line end.
+std::string HelpText(const Json& help, size_t columns);
 
 // How a line may go on.
 struct Completion {

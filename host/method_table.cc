@@ -78,7 +78,7 @@ const std::vector<MethodEntry>& MethodTable() {
        "stores the secret and starts the prober", "error `EINVAL`",
        R"({"secret":"0123456789"})", "null"},
       {"getPlatformVersion", kNone, "string",
-       "`Linux ` and the kernel's build version", kNone, "",
+       "`Linux`, a space and the kernel's build version", kNone, "",
        "\"Linux #1 SMP PREEMPT_DYNAMIC Debian 6.1.0-1\""},
       Unsupported("requestEnable"),
       Unsupported("requestDisable"),

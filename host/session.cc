@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "doctor/screen.h"
 #include "host/help.h"
 
 namespace lumso_host {
@@ -72,7 +73,7 @@ void AddEnvelope(const Envelope& envelope, const char* value_key,
 const std::vector<Session::Command>& Session::Commands() {
   static const std::vector<Command> commands = {
       {"call", "METHOD [JSON]",
-       "calls METHOD on lumso_bluetooth/methods; without JSON the\n"
+       "calls METHOD on lumso_bluetooth/methods; without JSON the "
        "arguments are null",
        &Session::Call},
       {"listen", "CHANNEL", "starts the stream of an event channel",
@@ -81,7 +82,7 @@ const std::vector<Session::Command>& Session::Commands() {
       {"sleep", "SECONDS", "holds back the next command; prints nothing",
        &Session::Sleep},
       {"expect", "TEXT SECONDS",
-       "waits until a line that contains TEXT is printed; TEXT may\n"
+       "waits until a line that contains TEXT is printed; TEXT may "
        "contain spaces, the last word is SECONDS",
        &Session::Expect},
       {"dispose", "",
@@ -224,7 +225,8 @@ void Session::Help(std::string_view words) {
   if (reader_ == Reader::kProgram) {
     Print({{"help", help}});
   } else {
-    callbacks_.print(HelpText(help));
+    const int columns = lumso_doctor::FindScreen().columns;
+    callbacks_.print(HelpText(help, static_cast<size_t>(columns)));
   }
   Finish();
 }

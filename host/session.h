@@ -29,8 +29,8 @@ class Session {
 
   struct Command {
     const char* name;
-    const char* words;        // That follow the name; empty for none.
-    const char* description;  // In lines that --help has room for.
+    const char* words;  // That follow the name; empty for none.
+    const char* description;
     void (Session::*run)(std::string_view words);
   };
 

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -370,17 +371,57 @@ TEST_F(HostTerminal, ExplainsAMethodInText) {
                "lumso>"});
 }
 
-TEST_F(HostTerminal, ListsMethodsAndCommands) {
+TEST_F(HostTerminal, ListsMethodsAndCommandsWithinItsWidth) {
   Start();
   WaitForRow("lumso>");
   Type("help\n");
   WaitForRows({"  pairingRequestHandlingDisable bool: always false", "lumso>"});
   for (const char* text :
-       {"\r\n  sleep SECONDS         holds back the next command; "
-        "prints nothing\r\n",
-        "\r\n  isAvailable                   bool: ready\r\n"}) {
-    EXPECT_NE(raw().find(text), std::string::npos) << text;
+       {"\r\n  sleep SECONDS         holds back the next command; prints"
+        "\r\n                        nothing\r\n",
+        "\r\n  isAvailable                   bool: ready\r\n",
+        "\r\n  bondDevice                    bool: paired now, false when"
+        "\r\n                                it was before; blocks for up"
+        "\r\n                                to 60 s\r\n"}) {
+    EXPECT_NE(raw().find(text), std::string::npos) << text << raw();
   }
+  std::istringstream lines(raw());
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_LE(line.size(), static_cast<size_t>(kColumns) + 1) << line;
+  }
+}
+
+TEST_F(HostTerminal, ListsBelowTheNamesWhereThereIsLittleRoom) {
+  Start("sh -c 'stty cols 40; " + WithOptions("'"), {{"TERM", "dumb"}});
+  WaitForRow("lumso>");
+  Type("help\nhelp sleep\n");
+  WaitForRows({"lumso> sleep SECONDS", "  holds back the next command; prints",
+               "  nothing", "lumso>"});
+  EXPECT_NE(raw().find("\r\n  isAvailable\r\n    bool: ready\r\n"),
+            std::string::npos);
+}
+
+TEST_F(HostTerminal, Fills80ColumnsOfATerminalThatDoesNotSay) {
+  Start("sh -c 'stty cols 0; " + WithOptions("'"), {{"TERM", "dumb"}});
+  WaitForRow("lumso>");
+  Type("help\n");
+  WaitForRows({"  pairingRequestHandlingDisable bool: always false", "lumso>"});
+  EXPECT_NE(
+      raw().find("  expect TEXT SECONDS   waits until a line that contains "
+                 "TEXT is printed; TEXT\r\n"),
+      std::string::npos)
+      << raw();
+}
+
+TEST_F(HostTerminal, BreaksALongExampleAtItsCommas) {
+  Start();
+  WaitForRow("lumso>");
+  Type("help getBondedDevices\n");
+  WaitForRows({"  example         call getBondedDevices",
+               R"(                  {"call":"getBondedDevices",)",
+               R"(                  "result":[{"address":"AA:BB:CC:DD:EE:FF",)",
+               R"(                  "name":"Scale","type":0,"isConnected":0,)",
+               R"(                  "bondState":12,"rssi":-60}]})", "lumso>"});
 }
 
 TEST_F(HostTerminal, HasColours) {

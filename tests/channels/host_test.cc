@@ -536,6 +536,12 @@ TEST(HostStart, HelpExplainsEveryCommand) {
   }
 }
 
+TEST(HostStart, HelpFitsATerminalOf80Columns) {
+  for (const std::string& line : RunWith({"--help"}).lines) {
+    EXPECT_LE(line.size(), 80U) << line;
+  }
+}
+
 TEST(HostStart, RefusesWrongArguments) {
   for (const std::vector<std::string>& arguments :
        {Lines{"--plugin"}, Lines{"--plugin", ""}, Lines{"--fly"},
@@ -575,6 +581,10 @@ TEST(HostHelp, ExplainsACommandOnOneLine) {
   EXPECT_EQ(RunOne("help sleep"),
             R"({"help":{"command":"sleep SECONDS","description":)"
             R"("holds back the next command; prints nothing"}})");
+}
+
+TEST(HostHelp, KeepsItsWordsApart) {
+  EXPECT_EQ(RunOne("help").find("  "), std::string::npos);
 }
 
 TEST(HostHelp, ListsEverythingOnOneLine) {
