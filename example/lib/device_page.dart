@@ -4,11 +4,13 @@ import 'package:flutter/material.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
 
 import 'terminal_page.dart';
+import 'texts.dart';
 
 /// One device: its bond, and the prober's readings of it.
 class DevicePage extends StatefulWidget {
   const DevicePage(this.device, {super.key});
 
+  /// What was known of the device when it was chosen.
   final BluetoothDevice device;
 
   @override
@@ -19,64 +21,71 @@ class _DevicePageState extends State<DevicePage> {
   static const BluetoothBonding _bonding = BluetoothBonding();
   static const BluetoothProber _prober = BluetoothProber();
 
+  late final StreamSubscription<BluetoothDevice> _reports;
   late BluetoothDevice _device = widget.device;
   late bool _isBonded = widget.device.isBonded;
-  late final StreamSubscription<BluetoothDevice> _reports;
-  late final StreamSubscription<Map<String, int>> _readings;
-  int? _reading;
   String _message = '';
   bool _isBusy = false;
 
   @override
   void initState() {
     super.initState();
-    _reports = const BluetoothDiscovery()
-        .devices
-        .where((BluetoothDevice device) => device.address == _device.address)
-        .listen((BluetoothDevice device) {
+    _reports =
+        const BluetoothDiscovery().devices.listen((BluetoothDevice device) {
+      if (device.address != _device.address) return;
       setState(() {
         _device = device;
         _isBonded = device.isBonded;
       });
-    });
-    _readings = _prober.readings.listen((Map<String, int> readings) {
-      setState(() => _reading = readings[_device.address]);
     });
   }
 
   @override
   void dispose() {
     unawaited(_reports.cancel());
-    unawaited(_readings.cancel());
     super.dispose();
   }
 
   /// Shows what is going on, lets the window draw that, and only then asks for
-  /// something that may block.
+  /// something that may block. The user may have left by then.
   Future<void> _run(
-    String message,
+    String what,
     Future<bool> Function(String address) request,
   ) async {
+    final String address = _device.address;
     setState(() {
       _isBusy = true;
-      _message = '$message ...';
+      _message = '$what ...';
     });
     await Future<void>.delayed(const Duration(milliseconds: 100));
-    final bool done = await request(_device.address);
-    // A removed device is not reported.
-    final bool bonded = await _bonding.isBonded(_device.address);
     if (!mounted) return;
-    setState(() {
-      _isBusy = false;
-      _isBonded = bonded;
-      _message = done ? '$message: done' : '$message: refused';
-    });
+    try {
+      final bool done = await request(address);
+      // A device whose bond is removed is not reported.
+      final bool isBonded = await _bonding.isBonded(address);
+      if (!mounted) return;
+      setState(() {
+        _isBonded = isBonded;
+        _message =
+            done ? '$what: done' : '$what: refused. ${askDoctor(address)}';
+      });
+    } on BluetoothException catch (error) {
+      if (!mounted) return;
+      setState(() => _message = describe(error, address));
+    }
+    setState(() => _isBusy = false);
   }
 
   Future<void> _setSecret(String secret) async {
-    await _prober.setSecret(secret);
-    if (!mounted) return;
-    setState(() => _message = 'Devices of certain names are asked from now on');
+    String message = secret.isEmpty
+        ? 'No device is asked any more.'
+        : 'Devices of certain names are asked from now on.';
+    try {
+      await _prober.setSecret(secret);
+    } on BluetoothException catch (error) {
+      message = describe(error);
+    }
+    if (mounted) setState(() => _message = message);
   }
 
   Future<void> _openTerminal() {
@@ -90,7 +99,6 @@ class _DevicePageState extends State<DevicePage> {
   @override
   Widget build(BuildContext context) {
     final int? rssi = _device.rssi;
-    final int? reading = _reading;
     return Scaffold(
       appBar: AppBar(title: Text(_device.name ?? _device.address)),
       body: ListView(
@@ -100,7 +108,18 @@ class _DevicePageState extends State<DevicePage> {
           Text('Signal: ${rssi == null ? 'unknown' : '$rssi dBm'}'),
           Text('Connected: ${_device.isConnected ? 'yes' : 'no'}'),
           Text('Bonded: ${_isBonded ? 'yes' : 'no'}'),
-          Text('Reading: ${reading == null ? 'none' : '$reading dBm'}'),
+          StreamBuilder<Map<String, int>>(
+            stream: _prober.readings,
+            builder: (
+              BuildContext context,
+              AsyncSnapshot<Map<String, int>> snapshot,
+            ) {
+              final int? reading = snapshot.data?[_device.address];
+              return Text(
+                'Reading: ${reading == null ? 'none' : '$reading dBm'}',
+              );
+            },
+          ),
           const SizedBox(height: 16),
           Wrap(
             spacing: 8,
@@ -126,6 +145,9 @@ class _DevicePageState extends State<DevicePage> {
           ),
           TextField(
             decoration: const InputDecoration(labelText: "Prober's secret"),
+            obscureText: true,
+            enableSuggestions: false,
+            autocorrect: false,
             onSubmitted: _setSecret,
           ),
           const SizedBox(height: 16),

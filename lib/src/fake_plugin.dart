@@ -81,10 +81,6 @@ class FakeBluetoothPlugin {
   /// What the prober was given last; null before.
   String? secret;
 
-  /// Whether discovery runs; true before the application starts it when another
-  /// program has.
-  bool isDiscovering = false;
-
   /// What the daemon knows, by address. A change here is told to nobody;
   /// [report] tells.
   final Map<String, BluetoothDevice> devices = <String, BluetoothDevice>{};
@@ -107,6 +103,7 @@ class FakeBluetoothPlugin {
   final Set<String> _channels = <String>{};
   final Set<String> _listenedTo = <String>{};
   BluetoothAdapterState _state = BluetoothAdapterState.on;
+  bool _isDiscovering = false;
   bool _startedDiscovery = false;
 
   // Null while nothing is being answered: a future would tie the fake to the
@@ -140,13 +137,23 @@ class FakeBluetoothPlugin {
   set state(BluetoothAdapterState state) {
     _state = state;
     if (state == BluetoothAdapterState.off) {
-      isDiscovering = false;
+      _isDiscovering = false;
       _startedDiscovery = false;
       for (final FakeBluetoothConnection connection in connections) {
         connection.end();
       }
     }
-    if (isListenedTo(BluetoothChannels.state)) _sendState();
+    _tellState();
+  }
+
+  /// Whether discovery runs. Set it for a discovery of another program's. It is
+  /// a property of the adapter: each change makes the channel of the [state]
+  /// tell that again.
+  bool get isDiscovering => _isDiscovering;
+
+  set isDiscovering(bool isDiscovering) {
+    _isDiscovering = isDiscovering;
+    _tellState();
   }
 
   /// Sends [event]. A [DeviceReport]'s device is among [devices] from now on,
@@ -357,6 +364,10 @@ class FakeBluetoothPlugin {
     }
     this.secret = secret;
     return null;
+  }
+
+  void _tellState() {
+    if (isListenedTo(BluetoothChannels.state)) _sendState();
   }
 
   void _sendState() {
