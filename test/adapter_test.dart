@@ -103,8 +103,10 @@ void main() {
     expect(second, first);
     expect(
       plugin.requests
-          .where((({String channel, MethodCall call}) request) =>
-              request.channel == BluetoothChannels.state.name)
+          .where(
+            (FakeBluetoothRequest request) =>
+                request.channel == BluetoothChannels.state.name,
+          )
           .length,
       1,
     );

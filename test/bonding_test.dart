@@ -1,6 +1,6 @@
-import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
+import 'package:lumso_bluetooth/testing.dart';
 
 import 'support.dart';
 
@@ -9,31 +9,30 @@ void main() {
   const BluetoothBonding bonding = BluetoothBonding();
 
   test('gives the plug-in the address', () async {
-    final List<MethodCall> calls = mockMethods(
-      (MethodCall call) => call.method == 'getBondState' ? 12 : true,
-    );
+    final FakeBluetoothPlugin plugin = fakePlugin();
+    plugin.report(const DeviceReport(BluetoothDevice(address: scale)));
+    expect(await bonding.bond(scale), isTrue);
     expect(await bonding.getBondState(scale), BluetoothBondState.bonded);
     expect(await bonding.isBonded(scale), isTrue);
-    expect(await bonding.bond(scale), isTrue);
     expect(await bonding.removeBond(scale), isTrue);
     expect(
-      calls.map((MethodCall call) => call.method).toList(),
+      plugin.requests
+          .map((FakeBluetoothRequest request) => request.call.method)
+          .toList(),
       <String>[
-        'getBondState',
-        'getBondState',
         'bondDevice',
+        'getBondState',
+        'getBondState',
         'removeDeviceBond',
       ],
     );
-    for (final MethodCall call in calls) {
-      expect(call.arguments, <String, Object?>{'address': scale});
+    for (final FakeBluetoothRequest request in plugin.requests) {
+      expect(request.call.arguments, <String, Object?>{'address': scale});
     }
   });
 
-  test('gives the neutral answers', () async {
-    mockMethods(
-      (MethodCall call) => call.method == 'getBondState' ? 10 : false,
-    );
+  test('gives the neutral answers without an adapter', () async {
+    fakePlugin().isAvailable = false;
     expect(await bonding.getBondState(scale), BluetoothBondState.notBonded);
     expect(await bonding.isBonded(scale), isFalse);
     expect(await bonding.bond(scale), isFalse);
@@ -41,7 +40,11 @@ void main() {
   });
 
   test('takes no answer as the neutral one', () async {
-    mockMethods((MethodCall call) => null);
+    fakePlugin().answers.addAll(<String, Object?>{
+      'getBondState': null,
+      'bondDevice': null,
+      'removeDeviceBond': null,
+    });
     expect(await bonding.getBondState(scale), BluetoothBondState.notBonded);
     expect(await bonding.isBonded(scale), isFalse);
     expect(await bonding.bond(scale), isFalse);

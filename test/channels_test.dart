@@ -1,9 +1,9 @@
 import 'dart:async';
 
-import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
+import 'package:lumso_bluetooth/testing.dart';
 
 import 'support.dart';
 
@@ -11,25 +11,21 @@ void main() {
   TestWidgetsFlutterBinding.ensureInitialized();
 
   test('gives a method its arguments and returns its answer', () async {
-    final List<MethodCall> calls = mockMethods((MethodCall call) => 12);
-
+    final FakeBluetoothPlugin plugin = fakePlugin();
+    plugin.answers['getBondState'] = 12;
     final int? state = await BluetoothChannels.invoke<int>(
       'getBondState',
       <String, Object?>{'address': scale},
     );
     expect(state, 12);
-    expect(calls.single.method, 'getBondState');
-    expect(calls.single.arguments, <String, Object?>{'address': scale});
+    expect(
+      plugin.callsOf('getBondState').single.arguments,
+      <String, Object?>{'address': scale},
+    );
   });
 
   test('turns an error answer into an exception', () async {
-    mockMethods(
-      (MethodCall call) => throw PlatformException(
-        code: 'EINVAL',
-        message: 'secret missing',
-      ),
-    );
-
+    fakePlugin();
     await expectLater(
       BluetoothChannels.invoke<Object?>('setAuthSecret'),
       throwsA(
@@ -60,7 +56,7 @@ void main() {
   });
 
   test('refuses an answer of another type', () async {
-    mockMethods((MethodCall call) => 'twelve');
+    fakePlugin().answers['getState'] = 'twelve';
     await expectLater(
       const BluetoothAdapter().getState(),
       throwsA(isA<TypeError>()),
@@ -68,27 +64,33 @@ void main() {
   });
 
   test('reaches the fixed answers and the second names', () async {
-    final List<MethodCall> calls = mockMethods((MethodCall call) => false);
-    final List<String> methods = <String>[
-      ...BluetoothChannels.fixedAnswers,
-      ...BluetoothChannels.aliases.keys,
-    ];
-    for (final String method in methods) {
+    final FakeBluetoothPlugin plugin = fakePlugin();
+    expect(BluetoothChannels.fixedAnswers, hasLength(8));
+    for (final String method in BluetoothChannels.fixedAnswers) {
       expect(await BluetoothChannels.invoke<Object?>(method), isFalse);
+      expect(plugin.callsOf(method), hasLength(1));
     }
-    expect(calls.map((MethodCall call) => call.method).toList(), methods);
-    expect(methods, hasLength(10));
+    expect(BluetoothChannels.aliases, hasLength(2));
+    for (final String method in BluetoothChannels.aliases.keys) {
+      expect(
+        await BluetoothChannels.invoke<Object?>(method),
+        await BluetoothChannels.invoke<Object?>(
+          BluetoothChannels.aliases[method]!,
+        ),
+      );
+      expect(plugin.callsOf(method), hasLength(1));
+    }
   });
 
   test('listens to the debug channel', () async {
-    final MockStream debug = MockStream(BluetoothChannels.debug);
+    final FakeBluetoothPlugin plugin = fakePlugin();
     final StreamSubscription<Object?> subscription =
         BluetoothChannels.debugEvents.listen((Object? event) {});
-    await debug.events;
+    await settle();
+    expect(plugin.isListenedTo(BluetoothChannels.debug), isTrue);
     await subscription.cancel();
-    await debug.cancelled;
-    expect(debug.listens, 1);
-    expect(debug.cancels, 1);
+    await settle();
+    expect(plugin.isListenedTo(BluetoothChannels.debug), isFalse);
   });
 
   test('tells an exception in a sentence', () {

@@ -12,6 +12,9 @@ import 'device.dart';
 import 'discovery_event.dart';
 import 'exception.dart';
 
+/// One request: the name of its channel, and what was asked there.
+typedef FakeBluetoothRequest = ({String channel, MethodCall call});
+
 /// Stands for the plug-in in a test: takes every request of the library, and
 /// sends what the test tells it to.
 ///
@@ -54,8 +57,7 @@ class FakeBluetoothPlugin {
 
   /// Everything that was asked, in its order: the methods' calls, and `listen`
   /// and `cancel` on the event channels.
-  final List<({String channel, MethodCall call})> requests =
-      <({String channel, MethodCall call})>[];
+  final List<FakeBluetoothRequest> requests = <FakeBluetoothRequest>[];
 
   /// Runs before each request is answered, also before `listen` and `cancel`.
   ///
@@ -121,7 +123,7 @@ class FakeBluetoothPlugin {
 
   /// The calls of a method, in their order.
   List<MethodCall> callsOf(String method) => <MethodCall>[
-        for (final ({String channel, MethodCall call}) request in requests)
+        for (final FakeBluetoothRequest request in requests)
           if (request.channel == BluetoothChannels.methods.name &&
               request.call.method == method)
             request.call,

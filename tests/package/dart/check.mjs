@@ -48,7 +48,7 @@ const fake = 'lib/src/fake_plugin.dart';
 const sources = new Map([...files].filter(([name]) => name.startsWith('lib/src/')));
 const declared = new Map([...sources].map(([name, tree]) => [name, declarations(tree,
     (node) => check(false, `${name}: line ${node.startPosition.row + 1}: ` +
-        `only classes are looked at, not ${node.type}`))]));
+        `only classes and type names are looked at, not ${node.type}`))]));
 const publicClasses = [...declared.values()].flat().filter((each) => !each.isPrivate);
 
 function checkSyntax() {

@@ -108,6 +108,8 @@ function declarationsIn(nodes, onOther) {
       const name = node.namedChildren.find((child) => child.type === 'identifier').text;
       const body = node.namedChildren.find((child) => bodies.has(child.type));
       add(name, declarationsIn(body.namedChildren, onOther));
+    } else if (node.type === 'type_alias') {
+      add(node.namedChildren.find((child) => child.type === 'type_identifier').text, []);
     } else if (['declaration', 'enum_constant', 'method_signature'].includes(node.type)) {
       const names = memberNames(node);
       if (names.length === 0) onOther(node);
