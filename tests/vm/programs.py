@@ -18,6 +18,9 @@ import threading
 import time
 
 LONGEST_LINE = 400
+OUTPUT_LIMIT = 5  # seconds that the output of a killed program may still take
+# What every report of a sanitizer has: address, leak, thread or undefined behaviour.
+SANITIZER_REPORT = re.compile(r"\w+Sanitizer\b|: runtime error: ")
 
 
 def _shorten_bytes(match):
@@ -73,6 +76,8 @@ class Failure(Exception):
 class Program:
     """Keeps every line that a child writes and lets others wait for one."""
 
+    reports = []  # what sanitizers said, in whichever program
+
     def __init__(self, command, sign, **environment):
         self.sign = sign
         self.lines = []
@@ -105,6 +110,8 @@ class Program:
             item = self.parse(line) if lines is self.lines else line
             if line and lines is self.errors:
                 show(f"  {sign} {line}")
+                if SANITIZER_REPORT.search(line):
+                    self.reports.append(line)
             elif line and self.shows(line):
                 self.display(f"  {sign} {line}", item)
             with self.changed:
@@ -162,8 +169,14 @@ class Program:
         return status
 
     def kill(self):
+        """Kills it unless it has ended, and waits for what it said last."""
         if self.process.poll() is None:
             self.process.kill()
+        self.process.wait()
+        with contextlib.suppress(OSError):  # for a child that listens there
+            self.process.stdin.close()
+        for reader in self.readers:
+            reader.join(OUTPUT_LIMIT)
 
     def resources(self):
         """How many descriptors of each kind it has, and the names of its threads."""

@@ -19,7 +19,7 @@ import time
 from gi.repository import GLib
 
 from bluez import Bluez
-from programs import Failure, Host, Peer, Rounds, show
+from programs import Failure, Host, Peer, Program, Rounds, show
 
 DISCOVERY = "lumso_bluetooth/discovery"
 STATE = "lumso_bluetooth/state"
@@ -341,15 +341,21 @@ def parse_arguments():
 
 
 def play(story):
-    """Runs a scenario, shows how it ended and returns the exit status."""
+    """Runs a scenario, shows how it ended and returns the exit status. What a
+    sanitizer says fails it, whatever the steps made of it."""
     began = time.monotonic()
+    failed = False
     try:
         story.run()
     except (Failure, OSError, LookupError, GLib.Error) as failure:
         show(f"\nFAILED at step '{story.current}': {failure}")
-        return 1
+        failed = True
     finally:
         story.close()
+    for report in Program.reports:
+        show(f"FAILED: {report}")
+    if failed or Program.reports:
+        return 1
     for text in story.left_out:
         show(f"left out: {text}")
     show(f"\nAll {story.steps} steps were seen, in {time.monotonic() - began:.0f} s.")

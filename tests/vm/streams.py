@@ -115,6 +115,7 @@ class Streams(Emulated):
     # The host.
 
     def start_host(self, **environment):
+        environment.update(self.options.environment)
         self.host = Host(self.options.host, shows_bytes=False, **environment)
         self.opened = 0
         self.host.call("getState")
@@ -226,7 +227,6 @@ class Streams(Emulated):
     def begin_again(self):
         """Ends the host on which something failed, and mends everything."""
         self.host.kill()
-        self.host.process.wait()
         if self.stopped:
             self.come_back()
         if not self.bluez.adapters():
@@ -475,6 +475,9 @@ class Streams(Emulated):
 
     def in_a_row(self):
         count = self.options.connections
+        if not count:
+            self.leave_out("connections in a row")
+            return
         with self.step(f"{count} connections in a row: nothing grows"):
             self.peer.mode("echo")
             self.start_host()
@@ -528,7 +531,17 @@ def parse_arguments():
     parser.add_argument("--host", required=True, help="the program lumso_host")
     parser.add_argument("--rounds", type=int, default=2, help="tries of each end in each state")
     parser.add_argument("--probes", type=int, default=1, help="tries of each end at each step")
-    parser.add_argument("--connections", type=int, default=30, help="how many in a row")
+    parser.add_argument(
+        "--connections", type=int, default=30, help="how many in a row, for the memory; 0: none"
+    )
+    parser.add_argument(
+        "--environment",
+        action="append",
+        default=[],
+        metavar="NAME=VALUE",
+        type=lambda text: text.split("=", 1),
+        help="for the host, beside its own",
+    )
     parser.add_argument(
         "--count", action="store_true", help="count what fails or freezes, and go on"
     )
