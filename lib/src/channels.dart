@@ -6,9 +6,8 @@ import 'exception.dart';
 
 /// The plug-in's channels themselves.
 ///
-/// The other classes say the same in Dart's types. What is here is for tests,
-/// which put mock handlers behind the channels, and for what those classes
-/// leave out.
+/// The other classes say the same in Dart's types. What is here is for code
+/// beside them, for what they leave out, and for tests.
 abstract final class BluetoothChannels {
   /// Takes every request; see [invoke].
   static const MethodChannel methods = MethodChannel('lumso_bluetooth/methods');

@@ -62,8 +62,8 @@ class FakeBluetoothPlugin {
   /// Runs before each request is answered, also before `listen` and `cancel`.
   ///
   /// While the future that it returns is not complete, this request and all
-  /// behind it wait, as they do while the plug-in blocks. A [PlatformException]
-  /// that it throws is the answer.
+  /// behind it wait, as they do while the plug-in blocks; what the test sends
+  /// goes out all the same. A [PlatformException] that it throws is the answer.
   Future<void>? Function(MethodCall call)? onRequest;
 
   /// What methods answer instead of what they would, by their names. Nothing
