@@ -19,13 +19,9 @@ void main() {
   late FakeBluetoothPlugin plugin;
 
   setUp(() {
-    plugin = FakeBluetoothPlugin(
-      TestDefaultBinaryMessengerBinding
-          .instance.defaultBinaryMessenger.setMockMessageHandler,
-    );
+    plugin = fakePlugin();
     plugin.report(const DeviceReport(BluetoothDevice(address: scale)));
   });
-  tearDown(() => plugin.remove());
 
   test('answers for an adapter that is on', () async {
     expect(await adapter.isAvailable(), isTrue);

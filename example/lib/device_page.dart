@@ -30,20 +30,21 @@ class _DevicePageState extends State<DevicePage> {
   @override
   void initState() {
     super.initState();
-    _reports =
-        const BluetoothDiscovery().devices.listen((BluetoothDevice device) {
-      if (device.address != _device.address) return;
-      setState(() {
-        _device = device;
-        _isBonded = device.isBonded;
-      });
-    });
+    _reports = const BluetoothDiscovery().devices.listen(_follow);
   }
 
   @override
   void dispose() {
     unawaited(_reports.cancel());
     super.dispose();
+  }
+
+  void _follow(BluetoothDevice device) {
+    if (device.address != _device.address) return;
+    setState(() {
+      _device = device;
+      _isBonded = device.isBonded;
+    });
   }
 
   /// Shows what is going on, lets the window draw that, and only then asks for
