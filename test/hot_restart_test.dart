@@ -2,67 +2,105 @@ import 'dart:async';
 
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
-import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
+import 'package:lumso_bluetooth/testing.dart';
 
 import 'support.dart';
 
+// The last case has to be that: an isolate gets its first id only once.
 void main() {
   TestWidgetsFlutterBinding.ensureInitialized();
+  late FakeBluetoothPlugin plugin;
 
-  // One case: an isolate gets its first id only once.
-  test('closes what an earlier time left open, and nothing else', () async {
-    const Set<int> forgotten = <int>{2, 4, 9};
-    Completer<int> connecting = Completer<int>();
-    final List<MethodCall> calls = mockMethods((MethodCall call) {
-      if (call.method == 'connect') return connecting.future;
-      final Map<Object?, Object?> arguments =
-          call.arguments as Map<Object?, Object?>;
-      return forgotten.contains(arguments['id']);
-    });
-    List<Object?> takeDisconnects() {
-      final List<Object?> ids = <Object?>[
-        for (final MethodCall call in calls)
-          if (call.method == 'disconnect')
-            (call.arguments as Map<Object?, Object?>)['id'],
-      ];
-      calls.clear();
-      return ids;
-    }
+  setUp(() {
+    plugin = fakePlugin();
+    plugin.devices[scale] = const BluetoothDevice(address: scale);
+  });
 
-    // Nothing is open yet: up to the limit.
-    expect(await BluetoothConnection.closeForgotten(limit: 5), 2);
-    expect(takeDisconnects(), <int>[1, 2, 3, 4, 5]);
+  List<Object?> takeDisconnects() {
+    final List<Object?> ids = <Object?>[
+      for (final MethodCall call in plugin.callsOf('disconnect'))
+        (call.arguments as Map<Object?, Object?>)['id'],
+    ];
+    plugin.requests.clear();
+    return ids;
+  }
 
-    // A connection is on its way and may get any id.
+  List<int> upTo(int last) => <int>[for (int id = 1; id <= last; id++) id];
+
+  test('closes up to a limit, and leaves open what is above it', () async {
+    final FakeBluetoothConnection first = plugin.leaveOpen(scale);
+    final FakeBluetoothConnection second = plugin.leaveOpen(thermometer);
+    expect(await BluetoothConnection.closeForgotten(limit: first.id), 1);
+    expect(takeDisconnects(), upTo(first.id));
+    expect(first.isOpen, isFalse);
+    expect(second.isOpen, isTrue);
+  });
+
+  // Fails with another default of limit.
+  test('closes up to 100 without a limit', () async {
+    plugin.leaveOpen(scale);
+    expect(await BluetoothConnection.closeForgotten(), 1);
+    expect(takeDisconnects(), upTo(100));
+  });
+
+  test('closes nothing while a connection is on its way', () async {
+    final Completer<void> connecting = Completer<void>();
+    plugin.unreachable.add(scale);
+    plugin.onRequest = (MethodCall call) =>
+        call.method == 'connect' ? connecting.future : null;
     final Future<int> closed = BluetoothConnection.closeForgotten();
-    final Future<BluetoothConnection> refused = BluetoothConnection.open(scale);
+    final Future<void> refused = expectLater(
+      BluetoothConnection.open(scale),
+      throwsCode(BluetoothException.unreachable),
+    );
+    // It may get any id.
     expect(await closed, 0);
-    expect(takeDisconnects(), <int>[1]);
+    expect(takeDisconnects(), upTo(1));
     expect(await BluetoothConnection.closeForgotten(), 0);
     expect(takeDisconnects(), isEmpty);
 
     // It failed, so there is still no id.
-    connecting.completeError(PlatformException(code: 'ECONN'));
-    await expectLater(refused, throwsCode(BluetoothException.unreachable));
-    expect(await BluetoothConnection.closeForgotten(limit: 1), 0);
-    expect(takeDisconnects(), <int>[1]);
+    connecting.complete();
+    await refused;
+    expect(await BluetoothConnection.closeForgotten(limit: 2), 0);
+    expect(takeDisconnects(), upTo(2));
+  });
 
-    // Two connections: up to the first one's id.
-    MockStream(BluetoothChannels.read(7));
-    MockStream(BluetoothChannels.read(8));
-    final List<BluetoothConnection> own = <BluetoothConnection>[];
-    for (final int id in <int>[7, 8]) {
-      connecting = Completer<int>()..complete(id);
-      own.add(await BluetoothConnection.open(scale));
-    }
-    calls.clear();
-    expect(await BluetoothConnection.closeForgotten(limit: 3), 2);
-    expect(takeDisconnects(), <int>[1, 2, 3, 4, 5, 6]);
+  test('throws where there is no plug-in', () async {
+    disappear(plugin);
+    await expectLater(
+      BluetoothConnection.closeForgotten(),
+      throwsCode(BluetoothException.noPlugin),
+    );
+  });
 
-    for (final BluetoothConnection connection in own) {
-      await connection.close();
-    }
-    expect(takeDisconnects(), <int>[7, 8]);
+  // Fails without _highestId in closeForgotten.
+  test('tells the first open which id it can get', () async {
+    final FakeBluetoothConnection last = plugin.leaveOpen(thermometer);
+    expect(await BluetoothConnection.closeForgotten(), 1);
+    takeDisconnects();
+
+    plugin.onConnect = (FakeBluetoothConnection device) => device
+      ..sendText('a')
+      ..sendText('b')
+      ..end();
+    final BluetoothConnection own = await BluetoothConnection.open(scale);
+    expect(own.id, last.id + 1);
+    expect(await own.received.toList(), <List<int>>[
+      'a'.codeUnits,
+      'b'.codeUnits,
+    ]);
+
+    // From now on up to the first id of one's own.
+    expect(await BluetoothConnection.closeForgotten(limit: 3), 0);
+    expect(takeDisconnects(), upTo(last.id));
+    final BluetoothConnection other = await BluetoothConnection.open(scale);
+    takeDisconnects();
+    expect(await BluetoothConnection.closeForgotten(), 0);
+    expect(takeDisconnects(), upTo(last.id));
+    expect(await own.close(), isTrue);
+    expect(await other.close(), isTrue);
+    expect(takeDisconnects(), <int>[own.id, other.id]);
   });
 }

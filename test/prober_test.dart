@@ -1,3 +1,6 @@
+import 'dart:async';
+
+import 'package:flutter/foundation.dart';
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/channels.dart';
@@ -6,74 +9,159 @@ import 'package:lumso_bluetooth/testing.dart';
 
 import 'support.dart';
 
-const String thermometer = '11:22:33:44:55:66';
-
-Map<String, Object?> reading(String address, int rssi) => <String, Object?>{
-      'type': 'rssiUpdate',
-      'address': address,
-      'rssi': rssi,
-    };
-
 void main() {
   TestWidgetsFlutterBinding.ensureInitialized();
   const BluetoothProber prober = BluetoothProber();
 
   test('gives the plug-in the secret', () async {
-    final List<MethodCall> calls = mockMethods((MethodCall call) => null);
+    final FakeBluetoothPlugin plugin = fakePlugin();
     await prober.setSecret('0123456789');
     await prober.setSecret('');
     expect(
-      calls.map((MethodCall call) => call.method).toSet(),
-      <String>{'setAuthSecret'},
-    );
-    expect(
-      calls.map((MethodCall call) => call.arguments as Object?).toList(),
+      <Object?>[
+        for (final MethodCall call in plugin.callsOf('setAuthSecret'))
+          call.arguments,
+      ],
       <Object?>[
         <String, Object?>{'secret': '0123456789'},
         <String, Object?>{'secret': ''},
       ],
     );
+    expect(methodsOf(plugin), hasLength(2));
   });
 
   test('throws what the plug-in answers', () async {
-    mockMethods(
-      (MethodCall call) => throw PlatformException(
-        code: 'EINVAL',
-        message: 'secret missing',
-      ),
-    );
+    fakePlugin().onRequest =
+        (MethodCall call) => throw PlatformException(code: 'EINVAL');
     await expectLater(
       prober.setSecret('0123456789'),
       throwsCode(BluetoothException.invalid),
     );
   });
 
-  test('collects readings by address until a loss', () async {
-    final FakeBluetoothPlugin plugin = fakePlugin();
-    final Future<List<Map<String, int>>> received =
-        prober.readings.take(5).toList();
-    await settle();
-    plugin
-      ..report(const SignalReading(scale, -61))
-      ..report(const DeviceReport(BluetoothDevice(address: scale)))
-      ..report(const SignalReading(thermometer, -70))
-      ..report(const SignalReading(scale, -57))
-      ..report(const DeviceLoss(scale));
+  group('the readings', () {
+    late List<Object> heard;
+    late StreamSubscription<Map<String, int>> subscription;
 
-    expect(await received, <Map<String, int>>[
-      <String, int>{},
-      <String, int>{scale: -61},
-      <String, int>{scale: -61, thermometer: -70},
-      <String, int>{scale: -57, thermometer: -70},
-      <String, int>{thermometer: -70},
-    ]);
-  });
+    Future<void> listen() async {
+      heard = <Object>[];
+      subscription = prober.readings.listen(heard.add, onError: heard.add);
+      await settle();
+    }
 
-  test('gives out maps that cannot be changed', () async {
-    final MockStream channel = MockStream(BluetoothChannels.discovery);
-    final Future<Map<String, int>> received = prober.readings.elementAt(1);
-    (await channel.events).success(reading(scale, -61));
-    final Map<String, int> map = await received;
-    expect(map.clear, throwsUnsupportedError);
+    test('are collected by address until a loss', () async {
+      final FakeBluetoothPlugin plugin = fakePlugin();
+      await listen();
+      plugin
+        ..report(const SignalReading(scale, -61))
+        ..report(const DeviceReport(BluetoothDevice(address: scale)))
+        ..report(const SignalReading(thermometer, -70))
+        ..report(const SignalReading(scale, -57))
+        ..report(const DeviceLoss(scale));
+      await settle();
+      expect(heard, <Object>[
+        <String, int>{},
+        <String, int>{scale: -61},
+        <String, int>{scale: -61, thermometer: -70},
+        <String, int>{scale: -57, thermometer: -70},
+        <String, int>{thermometer: -70},
+      ]);
+      await subscription.cancel();
+    });
+
+    // Fails without add(_latest) in _readings.
+    test('begin for each listener with the present ones', () async {
+      final FakeBluetoothPlugin plugin = fakePlugin();
+      await listen();
+      plugin.report(const SignalReading(scale, -61));
+      await settle();
+      expect(await prober.readings.first, <String, int>{scale: -61});
+
+      final Future<List<Map<String, int>>> others =
+          prober.readings.take(2).toList();
+      plugin.report(const SignalReading(thermometer, -70));
+      expect(await others, <Map<String, int>>[
+        <String, int>{scale: -61},
+        <String, int>{scale: -61, thermometer: -70},
+      ]);
+      expect(heard, hasLength(3));
+
+      await subscription.cancel();
+      await settle();
+      expect(
+        asksOf(plugin, BluetoothChannels.discovery),
+        <String>['listen', 'cancel'],
+      );
+    });
+
+    // Fails without static final _readings.
+    test('are one stream, which a build method may take', () {
+      expect(prober.readings, same(prober.readings));
+      expect(prober.readings, same(const BluetoothProber().readings));
+      expect(prober.readings.isBroadcast, isTrue);
+    });
+
+    // Fails without forgetting in onCancel of _changes, and without resize to 0
+    // in _share.
+    test('begin anew when nobody had listened', () async {
+      final FakeBluetoothPlugin plugin = fakePlugin();
+      await listen();
+      plugin.report(const SignalReading(scale, -61));
+      await settle();
+      await subscription.cancel();
+      plugin.report(const SignalReading(thermometer, -70));
+      await listen();
+      expect(heard, <Object>[<String, int>{}]);
+      plugin.report(const DeviceLoss(scale));
+      plugin.report(const SignalReading(thermometer, -71));
+      await settle();
+      expect(heard.last, <String, int>{thermometer: -71});
+      await subscription.cancel();
+    });
+
+    test('wait for a listener that pauses', () async {
+      final FakeBluetoothPlugin plugin = fakePlugin();
+      await listen();
+      subscription.pause();
+      plugin.report(const SignalReading(scale, -61));
+      await settle();
+      expect(heard, <Object>[<String, int>{}]);
+      subscription.resume();
+      await settle();
+      expect(heard.last, <String, int>{scale: -61});
+      await subscription.cancel();
+    });
+
+    // Fails without onError in _readings, or in _changes.
+    test('go on after what the plug-in does not send', () async {
+      final List<FlutterErrorDetails> reports = takeReports();
+      final FakeBluetoothPlugin plugin = fakePlugin();
+      await listen();
+      pushNonsense(
+        BluetoothChannels.discovery,
+        const <String, Object?>{'type': 'deviceLost'},
+      );
+      plugin.report(const SignalReading(scale, -61));
+      await settle();
+      expect(heard, <Object>[
+        <String, int>{},
+        ...nonsense,
+        <String, int>{scale: -61},
+      ]);
+      expect(reports.single.exception, isA<FormatException>());
+      await subscription.cancel();
+    });
+
+    // Fails without unmodifiable in _collect.
+    test('cannot be changed', () async {
+      final FakeBluetoothPlugin plugin = fakePlugin();
+      await listen();
+      plugin.report(const SignalReading(scale, -61));
+      await settle();
+      for (final Object map in heard) {
+        expect((map as Map<String, int>).clear, throwsUnsupportedError);
+      }
+      await subscription.cancel();
+    });
   });
 }

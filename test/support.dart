@@ -1,111 +1,106 @@
 import 'dart:async';
 
+import 'package:flutter/foundation.dart';
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
 import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
 import 'package:lumso_bluetooth/testing.dart';
 
-TestDefaultBinaryMessenger get _messenger =>
-    TestDefaultBinaryMessengerBinding.instance.defaultBinaryMessenger;
-
-/// A device's address.
+/// Two devices' addresses.
 const String scale = 'AA:BB:CC:DD:EE:FF';
+const String thermometer = '11:22:33:44:55:66';
 
 /// Stands for the plug-in until the test ends.
-FakeBluetoothPlugin fakePlugin() {
-  final FakeBluetoothPlugin plugin =
-      FakeBluetoothPlugin(_messenger.setMockMessageHandler);
+///
+/// [onAnswer] runs when the answer to a method has left: an event that is sent
+/// there overtakes it. The answer arrives when the result is complete.
+FakeBluetoothPlugin fakePlugin({
+  FutureOr<void> Function(MethodCall call)? onAnswer,
+}) {
+  final TestDefaultBinaryMessenger messenger =
+      TestDefaultBinaryMessengerBinding.instance.defaultBinaryMessenger;
+  final FakeBluetoothPlugin plugin = FakeBluetoothPlugin(
+    (String channel, MessageHandler? handler) {
+      if (handler == null || channel != BluetoothChannels.methods.name) {
+        messenger.setMockMessageHandler(channel, handler);
+        return;
+      }
+      messenger.setMockMessageHandler(channel, (ByteData? message) async {
+        final ByteData? answer = await handler(message);
+        await onAnswer?.call(
+          BluetoothChannels.methods.codec.decodeMethodCall(message),
+        );
+        return answer;
+      });
+    },
+  );
   addTearDown(plugin.remove);
   return plugin;
 }
 
-/// Stands for the plug-in behind the method channel until the test ends.
-/// Returns the calls, to which each further one is added.
-List<MethodCall> mockMethods(
-  FutureOr<Object?> Function(MethodCall call) answer,
-) {
-  final List<MethodCall> calls = <MethodCall>[];
-  _messenger.setMockMethodCallHandler(
-    BluetoothChannels.methods,
-    (MethodCall call) async {
-      calls.add(call);
-      return await answer(call);
-    },
-  );
-  addTearDown(removeMethods);
-  return calls;
+/// Nobody answers the requests to [plugin] any more.
+void disappear(FakeBluetoothPlugin plugin) {
+  plugin.onRequest = (MethodCall call) => throw MissingPluginException();
 }
 
-/// From now on nobody answers the method channel.
-void removeMethods() {
-  _messenger.setMockMethodCallHandler(BluetoothChannels.methods, null);
+/// The names of the methods that were called, in their order.
+List<String> methodsOf(FakeBluetoothPlugin plugin) => <String>[
+      for (final FakeBluetoothRequest request in plugin.requests)
+        if (request.channel == BluetoothChannels.methods.name)
+          request.call.method,
+    ];
+
+/// What [channel] was asked, in its order: `listen` and `cancel`.
+List<String> asksOf(FakeBluetoothPlugin plugin, EventChannel channel) =>
+    <String>[
+      for (final FakeBluetoothRequest request in plugin.requests)
+        if (request.channel == channel.name) request.call.method,
+    ];
+
+/// Sends what the plug-in does not, the way that the engine does: kept for a
+/// listener, or lost, as the framework's buffers say.
+void pushMessage(EventChannel channel, ByteData? message) {
+  ServicesBinding.instance.channelBuffers
+      .push(channel.name, message, (ByteData? reply) {});
 }
 
-/// Stands for the plug-in behind an event channel until the test ends.
-class MockStream {
-  MockStream(
-    EventChannel channel, {
-    void Function(MockStreamHandlerEventSink events)? onListen,
-  }) {
-    _messenger.setMockStreamHandler(
-      channel,
-      MockStreamHandler.inline(
-        onListen: (Object? arguments, MockStreamHandlerEventSink events) {
-          listens++;
-          onListen?.call(events);
-          if (!_events.isCompleted) _events.complete(events);
-        },
-        onCancel: (Object? arguments) {
-          cancels++;
-          if (!_cancelled.isCompleted) _cancelled.complete();
-        },
-      ),
-    );
-    addTearDown(() => _messenger.setMockStreamHandler(channel, null));
-  }
+/// Sends [event] with [pushMessage].
+void pushEvent(EventChannel channel, Object? event) =>
+    pushMessage(channel, channel.codec.encodeSuccessEnvelope(event));
 
-  final Completer<MockStreamHandlerEventSink> _events =
-      Completer<MockStreamHandlerEventSink>();
-  final Completer<void> _cancelled = Completer<void>();
+/// Sends an error event, one that the library cannot read, and one that the
+/// framework cannot. The last is reported: see [takeReports].
+void pushNonsense(EventChannel channel, Object? unreadable) {
+  pushMessage(channel, channel.codec.encodeErrorEnvelope(code: 'EIO'));
+  pushEvent(channel, unreadable);
+  pushMessage(channel, ByteData(0));
+}
 
-  /// How often the channel was listened to, and how often that ended.
-  int listens = 0;
-  int cancels = 0;
+/// Matches what a listener hears of [pushNonsense].
+final List<Matcher> nonsense = <Matcher>[
+  isA<PlatformException>(),
+  isA<TypeError>(),
+];
 
-  /// Sends on the channel; there once somebody listens.
-  Future<MockStreamHandlerEventSink> get events => _events.future;
-
-  /// Completes once the last listener has gone.
-  Future<void> get cancelled => _cancelled.future;
+/// What the framework reports until the test ends, in place of printing it.
+List<FlutterErrorDetails> takeReports() {
+  final List<FlutterErrorDetails> reports = <FlutterErrorDetails>[];
+  final FlutterExceptionHandler? previous = FlutterError.onError;
+  FlutterError.onError = reports.add;
+  addTearDown(() => FlutterError.onError = previous);
+  return reports;
 }
 
 /// Completes when everything that was sent has arrived.
 Future<void> settle() => Future<void>.delayed(Duration.zero);
 
-/// A device map as the plug-in sends it.
-Map<String, Object?> deviceMap({
-  String address = scale,
-  String name = 'Scale',
-  int isConnected = 0,
-  int bondState = 10,
-  int rssi = -60,
-}) {
-  return <String, Object?>{
-    'address': address,
-    'name': name,
-    'type': 0,
-    'isConnected': isConnected,
-    'bondState': bondState,
-    'rssi': rssi,
-  };
-}
+/// Matches the [BluetoothException] with this code.
+Matcher throwsCode(String code) => throwsA(hasCode(code));
 
 /// Matches the [BluetoothException] with this code.
-Matcher throwsCode(String code) => throwsA(
-      isA<BluetoothException>().having(
-        (BluetoothException error) => error.code,
-        'code',
-        code,
-      ),
+Matcher hasCode(String code) => isA<BluetoothException>().having(
+      (BluetoothException error) => error.code,
+      'code',
+      code,
     );

@@ -120,7 +120,7 @@ const otherLibraries = {
     'StreamSubscription', 'Timer', 'unawaited'],
   'dart:math': ['min', 'max'],
   'dart:convert': ['LineSplitter', 'Utf8Decoder', 'utf8'],
-  'package:flutter/foundation.dart': ['immutable', 'kDebugMode'],
+  'package:flutter/foundation.dart': ['FlutterErrorDetails', 'immutable', 'kDebugMode'],
   'package:flutter/material.dart': ['LinearProgressIndicator', 'MaterialApp', 'StatefulWidget',
     'StatelessWidget'],
   'package:flutter/services.dart': ['EventChannel', 'MethodCall', 'MethodChannel',
