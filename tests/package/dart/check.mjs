@@ -248,6 +248,9 @@ function checkNames() {
       .filter((method) => !listening.includes(method));
   check(answered.sort().join() === [...called].sort().join(),
       `the fake plug-in answers ${answered}, the library calls ${[...called]}`);
+  const messages = [...read(fake).matchAll(/^ *message: '(.*)',$/gm)].map((match) => match[1]);
+  check(messages.sort().join() === page.messages.sort().join(),
+      `the fake plug-in's errors say ${messages}`);
 }
 
 checkSyntax();

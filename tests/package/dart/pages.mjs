@@ -57,5 +57,6 @@ export function readChannelsPage(page) {
     ]),
     kinds: matches(events, /`"(\w+)"`/g),
     codes: [...new Set(tableRows(page, '### Errors').map((row) => row[1].replaceAll('`', '')))],
+    messages: tableRows(page, '### Errors').map((row) => row[2].replaceAll('`', '')),
   };
 }
