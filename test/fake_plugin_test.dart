@@ -8,8 +8,6 @@ import 'package:lumso_bluetooth/testing.dart';
 
 import 'support.dart';
 
-const String thermometer = '11:22:33:44:55:66';
-
 void main() {
   TestWidgetsFlutterBinding.ensureInitialized();
   const BluetoothAdapter adapter = BluetoothAdapter();

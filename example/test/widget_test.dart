@@ -117,6 +117,24 @@ void main() {
       expect(isEnabled(tester, 'Discover'), isFalse);
     });
 
+    testWidgets('says that there is no plug-in', (WidgetTester tester) async {
+      await start(
+        tester,
+        prepare: (FakeBluetoothPlugin plugin) {
+          plugin.onRequest = (MethodCall call) {
+            // The framework would report that a stream has no plug-in.
+            if (call.method == 'listen' || call.method == 'cancel') return null;
+            throw MissingPluginException();
+          };
+        },
+      );
+      expect(
+        find.text('There is no Bluetooth on this system.'),
+        findsOneWidget,
+      );
+      expect(isEnabled(tester, 'Discover'), isFalse);
+    });
+
     testWidgets('starts and stops discovery', (WidgetTester tester) async {
       final FakeBluetoothPlugin plugin = await start(tester);
       expect(find.byType(LinearProgressIndicator), findsNothing);

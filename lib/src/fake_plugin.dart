@@ -31,9 +31,9 @@ typedef FakeBluetoothRequest = ({String channel, MethodCall call});
 /// It begins with an adapter that is on, and without devices. Requests are
 /// answered in their order, each before the next is looked at; events go the
 /// way that they take in an application, where the framework keeps one of a
-/// channel until somebody listens. Nothing in it takes time: microtasks do, in
-/// the zone of who asks, so inside `testWidgets` nothing has to be pumped for
-/// it.
+/// channel until somebody listens. There is no timer in it: all happens in
+/// microtasks of the zone that asks, so inside `testWidgets` no time has to pass
+/// for it.
 ///
 /// The library's streams outlive a test: cancel what was listened to before the
 /// fake is removed. A widget that cancels in its `dispose` does.
@@ -63,7 +63,8 @@ class FakeBluetoothPlugin {
   ///
   /// While the future that it returns is not complete, this request and all
   /// behind it wait, as they do while the plug-in blocks; what the test sends
-  /// goes out all the same. A [PlatformException] that it throws is the answer.
+  /// goes out all the same. A [PlatformException] that it throws is the answer,
+  /// and after a [MissingPluginException] there is none.
   Future<void>? Function(MethodCall call)? onRequest;
 
   /// What methods answer instead of what they would, by their names. Nothing
@@ -112,7 +113,9 @@ class FakeBluetoothPlugin {
   // zone that it was made in.
   Future<void>? _answered;
 
-  /// Takes itself from the channels: from now on there is no plug-in.
+  /// Takes itself from the channels. A later request goes to the engine, which
+  /// knows no plug-in, and whose reply does not arrive inside `testWidgets`:
+  /// there let [onRequest] throw a [MissingPluginException].
   void remove() {
     for (final String channel in _channels) {
       _setMessageHandler(channel, null);
