@@ -32,8 +32,8 @@ typedef FakeBluetoothRequest = ({String channel, MethodCall call});
 /// answered in their order, each before the next is looked at; events go the
 /// way that they take in an application, where the framework keeps one of a
 /// channel until somebody listens. There is no timer in it: all happens in
-/// microtasks of the zone that asks, so inside `testWidgets` no time has to pass
-/// for it.
+/// microtasks of the zone that asks, so inside `testWidgets` no time has to
+/// pass for it.
 ///
 /// The library's streams outlive a test: cancel what was listened to before the
 /// fake is removed. A widget that cancels in its `dispose` does.
