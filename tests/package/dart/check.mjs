@@ -33,7 +33,7 @@ function dartFiles(folder = '') {
 
 const read = (name) => fs.readFileSync(path.join(root, name), 'utf8');
 const files = new Map(dartFiles().map((name) => [name, parse(read(name))]));
-const pages = ['README.md', 'doc/dart.md'];
+const pages = ['README.md', 'doc/channels.md', 'doc/dart.md'];
 const blocks = pages.flatMap((page) =>
   dartBlocks(read(page)).map((block) => ({ page, ...block, tree: parse(block.source) })));
 
