@@ -126,9 +126,9 @@ void main() {
   });
 
   group('the buffer of a connection', () {
-    // No connection of the cases gets it.
-    const int id = 1000;
-    final EventChannel channel = BluetoothChannels.read(id);
+    // No connection gets one of these.
+    int id = 1000;
+    late EventChannel channel;
 
     Future<List<Object?>> takeKept() async {
       final List<Object?> kept = <Object?>[];
@@ -151,7 +151,10 @@ void main() {
           .setMockMethodCallHandler(MethodChannel(channel.name), handler);
     }
 
-    setUp(() => answer((MethodCall call) async => null));
+    setUp(() {
+      channel = BluetoothChannels.read(++id);
+      answer((MethodCall call) async => null);
+    });
     tearDown(() => answer(null));
 
     // The framework, without which none of this was needed.

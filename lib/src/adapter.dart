@@ -14,6 +14,10 @@ class BluetoothAdapter {
   /// The adapter.
   const BluetoothAdapter();
 
+  static final Stream<BluetoothAdapterState> _changes =
+      BluetoothChannels.stateEvents.map(
+    (Object? event) => BluetoothChannelCodec.decodeAdapterState(event as int?),
+  );
   static final Stream<BluetoothAdapterState> _states =
       Stream<BluetoothAdapterState>.multi(_tellStates, isBroadcast: true)
           .distinct();
@@ -24,13 +28,7 @@ class BluetoothAdapter {
     MultiStreamController<BluetoothAdapterState> listener,
   ) async {
     bool isTold = false;
-    final StreamSubscription<BluetoothAdapterState> changes =
-        BluetoothChannels.stateEvents
-            .map(
-              (Object? event) =>
-                  BluetoothChannelCodec.decodeAdapterState(event as int?),
-            )
-            .listen(
+    final StreamSubscription<BluetoothAdapterState> changes = _changes.listen(
       (BluetoothAdapterState state) {
         isTold = true;
         listener.add(state);

@@ -29,11 +29,11 @@ class BluetoothConnection {
   /// device accepts or refuses, and half a minute when it stays silent. Show
   /// first that something is going on.
   ///
-  /// [received] has what the device sends from its first byte on, also when
-  /// that arrives before this completes: up to 1,024 pieces do. Only where this
-  /// class cannot expect the id, at the first connection after a `connect` of
-  /// the application's own, or after a hot restart (see [closeForgotten]), it
-  /// is the newest piece alone.
+  /// [received] has what the device sends from its first byte on, also what
+  /// arrives before this completes, up to 1,024 pieces. Where this class cannot
+  /// expect the connection's id, of those only the newest is kept: that is the
+  /// first one after a `connect` of the application's own, or after a hot
+  /// restart (see [closeForgotten]).
   ///
   /// Throws [BluetoothException]: [BluetoothException.unreachable] when the
   /// device refuses, does not answer, or has a connection to this channel
