@@ -415,7 +415,7 @@ void main() {
       await expectAll(await second);
     });
 
-    // Fails when an open that failed counts as an id.
+    // A connect that failed used no id. Fails without _makeRoom in open.
     test('after opens that failed, and beside one', () async {
       plugin.onConnect = sendAtOnce;
       plugin.unreachable.add(thermometer);
