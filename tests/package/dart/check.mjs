@@ -253,6 +253,21 @@ function checkNames() {
       `the fake plug-in's errors say ${messages}`);
 }
 
+// A channel has one receiver: the shared streams', and each connection's own.
+// And the page makes room for a connection as the library does.
+function checkReceivers() {
+  const receivers = [...sources.keys()].filter((name) =>
+    usedNames(sources.get(name)).has('receiveBroadcastStream'));
+  check(receivers.sort().join() === 'lib/src/channels.dart,lib/src/connection.dart',
+      `these listen to channels: ${receivers}`);
+  const resizes = (text) => [...text.matchAll(/\bresize\(.*?, (\d+)\)/g)].map(([, size]) => size);
+  const room = resizes(read('lib/src/channels.dart').split('static void bufferRead(')[1]
+      .split('\n  }\n')[0]);
+  const shown = resizes(blocks.find(({ page }) => page === 'doc/channels.md').source);
+  check(room.length === 2 && shown.join() === room.join(),
+      `doc/channels.md makes room with ${shown}, the library with ${room}`);
+}
+
 checkSyntax();
 checkLines();
 checkDocumentation();
@@ -260,6 +275,7 @@ checkExports();
 checkImports();
 checkUses();
 checkNames();
+checkReceivers();
 for (const failure of failures) console.error(failure);
 console.log(`${files.size} files, ${blocks.length} blocks, ${publicClasses.length} classes, ` +
     `${failures.length} failures`);
