@@ -18,6 +18,10 @@
 /// the Bluetooth daemon takes milliseconds, and up to 75 seconds with a daemon
 /// that hangs.
 ///
+/// All of it is for the root isolate, which alone can receive on channels, and
+/// for the time after `WidgetsFlutterBinding.ensureInitialized()`, which
+/// `runApp` calls.
+///
 /// A request that fails answers false, null, an off state or an empty list, and
 /// what the plug-in knows of the reason is on standard error. Only
 /// [BluetoothConnection.open] throws a [BluetoothException] instead. Where
