@@ -30,10 +30,10 @@ class BluetoothConnection {
   /// first that something is going on.
   ///
   /// [received] has what the device sends from its first byte on, also what
-  /// arrives before this completes, up to 1,024 pieces. Only the newest of those
-  /// is kept where this class cannot expect the connection's id: at the first
-  /// one after a `connect` of the application's own, or after a hot restart (see
-  /// [closeForgotten]).
+  /// arrives before this completes, up to 1,024 pieces. Only the newest of
+  /// those is kept where this class cannot expect the connection's id: at the
+  /// first one after a `connect` of the application's own, or after a hot
+  /// restart (see [closeForgotten]).
   ///
   /// Throws [BluetoothException]: [BluetoothException.unreachable] when the
   /// device refuses, does not answer, or has a connection to this channel
