@@ -38,8 +38,8 @@ const std::vector<TroubleRow>& Troubles() {
        "install `bluez`; `systemctl start bluetooth`; start the application "
        "again"},
       {Trouble::kDaemonSkipped, "daemon-skipped",
-       "° the start takes 25 s, then `GetManagedObjects failed: …` about a "
-       "time-out",
+       "° the start takes 50 s, and half-way comes `GetManagedObjects failed: "
+       "…` about a time-out",
        "`bluez` is installed and its service does not start: systemd skips it "
        "while the kernel shows no Bluetooth (`/sys/class/bluetooth`)",
        "plug the adapter in or load its driver, start the application again"},
@@ -50,8 +50,8 @@ const std::vector<TroubleRow>& Troubles() {
        "read `journalctl -u bluetooth`; `systemctl unmask bluetooth` if it is "
        "masked; `systemctl restart bluetooth`; start the application again"},
       {Trouble::kDaemonHangs, "daemon-hangs",
-       "° the start takes 25 s, then `GetManagedObjects failed: Timeout was "
-       "reached`, although the daemon runs",
+       "° the start takes 50 s, and half-way comes `GetManagedObjects failed: "
+       "Timeout was reached`, although the daemon runs",
        "the daemon hangs",
        "`systemctl restart bluetooth`; start the application again"},
       {Trouble::kAdapterOff, "adapter-off",

@@ -63,8 +63,9 @@ const std::vector<MethodEntry>& MethodTable() {
        "paired now, `false` when it was before; **blocks for up to 60 s**",
        "`false`", kAddressExample, "true"},
       {"removeDeviceBond", kAddress, "bool",
-       "`true` also for a device the daemon does not know", "`false`",
-       kAddressExample, "true"},
+       "`true` also for a device the daemon does not know, and when the daemon "
+       "does not answer",
+       "`false`", kAddressExample, "true"},
       {"connect", kAddress, "int",
        "connection id, from 1, never reused; **blocks while it connects**",
        "error `EINVAL` or `ECONN`", kAddressExample, "1"},

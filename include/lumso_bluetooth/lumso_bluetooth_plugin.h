@@ -49,12 +49,21 @@ FLUTTER_PLUGIN_EXPORT GType lumso_bluetooth_plugin_get_type(void);
  *
  * Creates one plug-in instance and its platform channels on the registrar's
  * messenger. Call it once per engine, on the platform thread (the thread of the
- * default GLib main context), as generated registrants do. It makes the
- * synchronous D-Bus calls that find the adapter, a few milliseconds as a rule
- * and at most 25 s each; connecting to a bus that accepts and then keeps silent
- * has no bound. Without a system bus or BlueZ daemon it writes the reason to
- * standard error; with a daemon but no adapter it is silent. In each case the
- * channels still answer, with neutral values ("connect" with an error).
+ * default GLib main context), as generated registrants do. It makes up to four
+ * synchronous D-Bus calls, a few milliseconds as a rule and at most 25 s each:
+ * with a daemon that hangs it returns after 50 s, 25 for the list of adapters
+ * and 25 for the end of the agent. Connecting to a bus that accepts and then
+ * keeps silent has no bound. Without a system bus or BlueZ daemon it writes the
+ * reason to standard error; with a daemon but no adapter it is silent. In each
+ * case the channels still answer, with neutral values ("connect" with an
+ * error).
+ *
+ * It changes two things outside the plug-in. The process's connection to the
+ * system bus, which g_bus_get() shares, no longer ends the process when the bus
+ * is lost (g_dbus_connection_set_exit_on_close()). And an agent is registered
+ * with the daemon, which is asked to make it the default agent of the machine:
+ * while the instance lives, pairings that devices begin are accepted and no
+ * person is asked (BlueZ's org.bluez.AgentManager1).
  *
  * The instance lives as long as the messenger keeps the channels' handlers,
  * which is until the engine shuts down.

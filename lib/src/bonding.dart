@@ -43,8 +43,8 @@ class BluetoothBonding {
       );
 
   /// Removes the bond with the device at [address], and what the daemon knows
-  /// of it; true also when it knew nothing. False when the daemon refuses, and
-  /// without an adapter.
+  /// of it; true also when it knew nothing, and when it does not answer. False
+  /// when it refuses, and without an adapter.
   Future<bool> removeBond(String address) => BluetoothChannels.request(
         'removeDeviceBond',
         <String, Object?>{'address': address},
