@@ -172,6 +172,10 @@ class Emulated(Story):
         adapter = pathlib.Path(self.own_adapter).name
         command = ["hcitool", "-i", adapter, "dc", self.device]
         subprocess.run(command, capture_output=True, check=False)  # fails without a link
+        self.wait_for_end()
+
+    def wait_for_end(self):
+        """Waits until nothing of the last connection is left but the link."""
         self.wait_until(lambda: not self.has_session(), 30, "end of the last session")
         self.wait_until(lambda: self.socket_state() is None, 30, "end of the last socket")
 
