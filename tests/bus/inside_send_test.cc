@@ -388,6 +388,43 @@ TEST_P(InsideSend, TheApplicationMayAct) {
 
 // ---------------------------------------------------------------------------
 
+// Without a connection, whose last record on its way to the main loop would
+// keep the memory of the plug-in's state: who used the state after a send that
+// ended it would use freed memory.
+class EndInsideSend : public ReadyTest {
+ protected:
+  // Lets an event on `channel` end the plug-in, and expects it to be the last.
+  void ExpectTheLastEvent(const char* channel,
+                          const std::function<void()>& emit) {
+    const BusPtr shared = SharedBus();
+    EXPECT_EQ(host->Listen(channel), "null");
+    const size_t before = host->Events(channel).size();
+    host->ReactInsideSends([this](const auto&) { host->Dispose(); });
+    emit();
+    emit();
+    EXPECT_TRUE(
+        WaitUntil([&] { return host->Events(channel).size() > before; }));
+    Settle();
+    EXPECT_THAT(host->Events(channel), SizeIs(before + 1));
+    EXPECT_EQ(host->Call("getState"), "not implemented");
+  }
+};
+
+TEST_F(EndInsideSend, OfTheState) {
+  ExpectTheLastEvent(kState, [this] {
+    daemon->EmitPropertiesChanged(kAdapterPath, kAdapterInterface, "{}");
+  });
+}
+
+TEST_F(EndInsideSend, OfADevice) {
+  ExpectTheLastEvent(kDiscovery, [this] {
+    daemon->Emit("/", kObjectManagerInterface, "InterfacesAdded",
+                 "(oa{sa{sv}})", "('/a', {'org.bluez.Device1': {}})");
+  });
+}
+
+// ---------------------------------------------------------------------------
+
 // The client alone. Its callables own what they use, as those of the plug-in
 // need not.
 class ClientCallable : public BusTest {

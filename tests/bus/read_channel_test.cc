@@ -236,6 +236,21 @@ TEST_F(ReadListen, AndCancelChangeNothingAboutTheStream) {
               ElementsAre("bytes[97]", "bytes[98]", "bytes[99]", kEnd));
 }
 
+// The engine keeps the channel of a connection longer than the plug-in lives.
+TEST_F(ReadListen, AndCancelAnswerNullWhenThePluginHasGone) {
+  const BusPtr shared = SharedBus();
+  const auto peer = Open(1);
+  for (const char* channel : {kMethods, kDiscovery, kState, kDebug}) {
+    host->DropHandler(channel);
+  }
+  EXPECT_TRUE(peer->WaitForClose());
+  // The reader's end, on its way to the main loop, keeps the memory of the
+  // plug-in's state.
+  DispatchQueued();
+  EXPECT_EQ(host->Listen(ReadChannel(1)), "null");
+  EXPECT_EQ(host->Cancel(ReadChannel(1)), "null");
+}
+
 TEST_F(ReadListen, AfterTheEndOfStreamBringsNoSecondOne) {
   const auto peer = Open(1);
   peer->Close();

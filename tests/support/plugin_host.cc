@@ -182,10 +182,14 @@ void PluginHost::Dispose() { in_process_messenger_close(messenger_); }
 void PluginHost::DropHandlers() {
   for (const std::string& channel :
        in_process_messenger_get_channels(messenger_)) {
-    fl_binary_messenger_set_message_handler_on_channel(
-        FL_BINARY_MESSENGER(messenger_), channel.c_str(), nullptr, nullptr,
-        nullptr);
+    DropHandler(channel);
   }
+}
+
+void PluginHost::DropHandler(const std::string& channel) {
+  fl_binary_messenger_set_message_handler_on_channel(
+      FL_BINARY_MESSENGER(messenger_), channel.c_str(), nullptr, nullptr,
+      nullptr);
 }
 
 }  // namespace lumso_test

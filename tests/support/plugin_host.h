@@ -93,6 +93,8 @@ class PluginHost {
 
   // The same with an engine that goes on: what is still sent is recorded.
   void DropHandlers();
+  // Drops the handler of one channel.
+  void DropHandler(const std::string& channel);
 
  private:
   // Makes a record of an event or hands it to the observer.
