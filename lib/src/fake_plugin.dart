@@ -36,7 +36,9 @@ typedef FakeBluetoothRequest = ({String channel, MethodCall call});
 /// pass for it.
 ///
 /// The library's streams outlive a test: cancel what was listened to before the
-/// fake is removed. A widget that cancels in its `dispose` does.
+/// fake is removed. A widget that cancels in its `dispose` does. Inside
+/// `testWidgets` do not wait for the cancelling: its future belongs to no zone
+/// of the test.
 class FakeBluetoothPlugin {
   /// Puts itself behind the plug-in's channels with the function given: the
   /// `setMockMessageHandler` of a test's `defaultBinaryMessenger`. There has to
