@@ -1,6 +1,8 @@
 #include "host/line_editor.h"
 
 #include <glib-unix.h>
+#include <limits.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -107,6 +109,7 @@ void LineEditor::ReadLine() {
   source_ = 0;
   int count = 0;
   editing_ = true;
+  TakeGatheredLines();
   // Before the prompt: whoever sees it may press Ctrl-C or Ctrl-Z.
   el_set(editor_.get(), EL_PREP_TERM, 1);
   const char* text = el_gets(editor_.get(), &count);
@@ -124,7 +127,26 @@ void LineEditor::ReadLine() {
   on_line_(line);
 }
 
+void LineEditor::TakeGatheredLines() {
+  char line[_POSIX_MAX_CANON + 1];
+  pollfd input = {STDIN_FILENO, POLLIN, 0};
+  while (poll(&input, 1, 0) > 0) {
+    const ssize_t count = read(STDIN_FILENO, line, sizeof(line));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) {
+      typed_ += kEndOfFile;
+      return;
+    }
+    typed_.append(line, static_cast<size_t>(count));
+  }
+}
+
 bool LineEditor::ReadByte(char* byte) {
+  if (!typed_.empty()) {
+    *byte = typed_.front();
+    typed_.erase(0, 1);
+    return true;
+  }
   bool readable = false;
   const guint source = g_unix_fd_add_full(
       G_PRIORITY_DEFAULT_IDLE, STDIN_FILENO,
@@ -149,23 +171,30 @@ bool LineEditor::ReadByte(char* byte) {
 }
 
 int LineEditor::GetCharacter(EditLine* editor, wchar_t* character) {
+  constexpr auto kCutOff = static_cast<gunichar>(-2);
+  constexpr auto kInvalid = static_cast<gunichar>(-1);
+  constexpr wchar_t kReplacement = 0xfffd;
   LineEditor* self = Of(editor);
-  std::string bytes(1, '\0');
-  if (!self->ReadByte(&bytes[0])) return 0;
-  // What the kernel makes of an end-of-file character that was typed before
-  // the editor took over the terminal.
-  if (bytes[0] == '\0') bytes[0] = kEndOfFile;
-  gunichar decoded = 0;
-  while ((decoded = g_utf8_get_char_validated(
-              bytes.data(), static_cast<gssize>(bytes.size()))) ==
-         static_cast<gunichar>(-2)) {
+  std::string bytes;
+  gunichar decoded = kCutOff;
+  do {
     bytes.push_back('\0');
     if (!self->ReadByte(&bytes.back())) return 0;
+    // GLib takes a NUL for the end of the text.
+    decoded = bytes.back() == '\0'
+                  ? kInvalid
+                  : g_utf8_get_char_validated(
+                        bytes.data(), static_cast<gssize>(bytes.size()));
+  } while (decoded == kCutOff);
+  if (bytes == std::string(1, '\0')) {
+    *character = L'\0';
+  } else if (decoded == kInvalid) {
+    *character = kReplacement;
+    // What does not go on with the character is a key of its own.
+    if (bytes.size() > 1) self->typed_.insert(0, 1, bytes.back());
+  } else {
+    *character = static_cast<wchar_t>(decoded);
   }
-  constexpr wchar_t kReplacement = 0xfffd;
-  *character = decoded == static_cast<gunichar>(-1)
-                   ? kReplacement
-                   : static_cast<wchar_t>(decoded);
   return 1;
 }
 

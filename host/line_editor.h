@@ -58,7 +58,11 @@ class LineEditor : public CommandReader {
 
   void BindKeys();
   void ReadLine();
-  // Runs the main loop until there is a byte, and reads it. False at the end.
+  // Takes the lines, and the end, that were typed while the terminal gathered
+  // lines: when it does no more, an end of file reads as a NUL, as Ctrl-Space.
+  void TakeGatheredLines();
+  // Gives the next byte, and runs the main loop until there is one. False at
+  // the end.
   bool ReadByte(char* byte);
   // Returns how many rows the cursor is below the row of the prompt.
   int CursorRow() const;
@@ -71,6 +75,7 @@ class LineEditor : public CommandReader {
   std::unique_ptr<History, HistoryEnd> history_;
   std::unique_ptr<EditLine, EditLineEnd> editor_;
   bool editing_ = false;  // A line is being edited.
+  std::string typed_;     // That libedit has not got yet.
   guint source_ = 0;      // Of a Resume() under way; 0 for none.
   guint resize_source_ = 0;
 };

@@ -617,6 +617,36 @@ TEST_F(HostEditing, TakesCharactersOfSeveralBytes) {
       {"{\"call\":\"echo\",\"result\":\"a\xc3\xa9\xe2\x82\xac\"}", "lumso>"});
 }
 
+TEST_F(HostEditing, TakesTheEndOfTheLineAfterACutOffCharacter) {
+  Start();
+  WaitForRow("lumso>");
+  Type("# \xe2\x82\n");
+  WaitForRows({"lumso> # \xef\xbf\xbd", "lumso>"});
+  Type("# \xe2\x82\xc3\xa9\n");
+  WaitForRows({"lumso> # \xef\xbf\xbd\xc3\xa9", "lumso>"});
+}
+
+TEST_F(HostEditing, GoesOnAfterCtrlSpaceOnAnEmptyLine) {
+  Start();
+  WaitForRow("lumso>");
+  Type(std::string(1, '\0'));
+  Type("call echo 1\n");
+  WaitForRows({R"({"call":"echo","result":1})", "lumso>"});
+}
+
+TEST_F(HostEditing, TakesAnEndThatWasTypedWhileACommandRan) {
+  Start();
+  WaitForRow("lumso>");
+  Type("call sendEventsOnSignal [7]\n");
+  WaitForRows({R"({"call":"sendEventsOnSignal","result":null})", "lumso>"});
+  Type("expect event 1000\n");
+  WaitForCommand();
+  Type(std::string("call echo 1\n") + kEnd);
+  SendEvent();
+  EXPECT_EQ(WaitForEnd(), 0);
+  EXPECT_NE(raw().find("lumso> call echo 1"), std::string::npos);
+}
+
 TEST_F(HostEditing, KeepsBackWhatIsTypedWhileACommandRuns) {
   Start();
   WaitForRow("lumso>");
