@@ -17,6 +17,8 @@ constexpr size_t kCommandColumn = 24;
 // Of --help.
 constexpr size_t kColumns = 80;
 
+constexpr char kAddress[] = "address";
+
 constexpr char kCommandsTitle[] =
     "Commands, one per line; blank lines and lines beginning with # are "
     "skipped:\n";
@@ -64,12 +66,16 @@ it count for the next one. The oldest lines are forgotten beyond 64 MiB of text.
 On a terminal, that is when standard input and output both are one, a prompt
 waits for the commands, help prints text, and the lines have colours unless
 NO_COLOR is set; events appear above the line that is being typed. Tab completes
-commands, methods, a method's example arguments and channels; the arrow keys
-edit the line and bring back earlier ones, which are kept until the end only.
-Ctrl-C empties the line; on an empty line, and while a command runs, it ends the
-host. Ctrl-D on an empty line ends it as well. With TERM=dumb there is the bare
-prompt. --json leaves all of this out.
-)";
+commands, methods and channels, and a method's arguments: with the addresses of
+devices that events and answers brought, the last hundred of them, or else its
+example. The arrow keys edit the line and bring back earlier ones, which are
+kept until the end only. Ctrl-C empties the line; on an empty line, and while a
+command runs, it ends the host. Ctrl-D on an empty line ends it as well. With
+TERM=dumb there is the bare prompt. --json leaves all of this out.
+
+A request holds the host while it runs inside the plug-in. SIGINT (Ctrl-C) and
+SIGTERM then say what the host waits for, and for how long at most, before it
+ends; a second one ends it at once, and the plug-in is not disposed.)";
 
 // Puts `right`, in lines that fit `columns`, beside `left` from the column on,
 // or below it where there is little room.
@@ -146,9 +152,27 @@ std::vector<std::string> MethodNames() {
   return names;
 }
 
+// Returns the arguments that may follow the name of a method.
+std::vector<std::string> Arguments(const std::string& name,
+                                   const std::vector<std::string>& addresses) {
+  const MethodEntry* method = FindMethodEntry(name);
+  if (method == nullptr || *method->example_arguments == '\0') return {};
+  Json arguments = Json::parse(method->example_arguments);
+  if (addresses.empty() || !arguments.contains(kAddress)) {
+    return {method->example_arguments};
+  }
+  std::vector<std::string> choices;
+  for (const std::string& address : addresses) {
+    arguments[kAddress] = address;
+    choices.push_back(JsonLine(arguments));
+  }
+  return choices;
+}
+
 // Returns the words that may follow `words`.
 std::vector<std::string> NextWords(const std::vector<std::string>& words,
-                                   const std::vector<std::string>& channels) {
+                                   const std::vector<std::string>& channels,
+                                   const std::vector<std::string>& addresses) {
   std::vector<std::string> next;
   if (words.size() == 1 && (words[0] == "call" || words[0] == "help")) {
     next = MethodNames();
@@ -156,16 +180,14 @@ std::vector<std::string> NextWords(const std::vector<std::string>& words,
   if (words.empty() || (words.size() == 1 && words[0] == "help")) {
     for (const Session::Command& command : Session::Commands()) {
       next.push_back(command.name);
+      if (*command.other_name != '\0') next.push_back(command.other_name);
     }
   }
   if (words.size() == 1 && (words[0] == "listen" || words[0] == "cancel")) {
     next = channels;
   }
   if (words.size() == 2 && words[0] == "call") {
-    const MethodEntry* method = FindMethodEntry(words[1]);
-    if (method != nullptr && *method->example_arguments != '\0') {
-      next.push_back(method->example_arguments);
-    }
+    next = Arguments(words[1], addresses);
   }
   return next;
 }
@@ -183,12 +205,14 @@ std::string ProtocolHelp() {
 Json HelpOn(std::string_view name) {
   const MethodEntry* method = FindMethodEntry(name);
   if (method != nullptr) return MethodHelp(*method);
+  if (!name.empty()) {
+    const Session::Command* command = Session::FindCommand(name);
+    return command == nullptr ? Json() : CommandHelp(*command);
+  }
   Json commands = Json::array();
   for (const Session::Command& command : Session::Commands()) {
-    if (name == command.name) return CommandHelp(command);
     commands.push_back(CommandHelp(command));
   }
-  if (!name.empty()) return nullptr;
   Json methods = Json::array();
   for (const MethodEntry& entry : MethodTable()) {
     methods.push_back(MethodHelp(entry));
@@ -211,20 +235,26 @@ std::string HelpText(const Json& help, size_t columns) {
 }
 
 Completion Complete(std::string_view text,
-                    const std::vector<std::string>& channels) {
+                    const std::vector<std::string>& channels,
+                    const std::vector<std::string>& addresses) {
   std::vector<std::string> words;
   std::istringstream stream{std::string(text)};
   for (std::string word; stream >> word;) words.push_back(word);
+  const bool ended = text.empty() || text.back() == ' ' || text.back() == '\t';
   std::string begun;
-  if (!text.empty() && text.back() != ' ' && text.back() != '\t') {
+  if (!ended) {
     begun = words.back();
     words.pop_back();
+  }
+  if (words.size() > 2 && words[0] == "call") {
+    for (; words.size() > 2; words.pop_back()) begun.insert(0, words.back());
   }
 
   Completion completion;
   std::vector<std::string>& choices = completion.choices;
-  for (const std::string& word : NextWords(words, channels)) {
-    if (word.compare(0, begun.size(), begun) == 0) choices.push_back(word);
+  for (const std::string& word : NextWords(words, channels, addresses)) {
+    const bool fits = word.compare(0, begun.size(), begun) == 0;
+    if (fits && !(ended && word == begun)) choices.push_back(word);
   }
   if (choices.empty()) return completion;
   std::string common = choices.front();

@@ -12,7 +12,8 @@
 
 namespace lumso_host {
 
-// Explains the commands and the lines that they print, for --help.
+// Explains the commands and the lines that they print, for --help; without the
+// last line end.
 std::string ProtocolHelp();
 
 // Returns what there is to say about a method or a command, or about all of
@@ -32,9 +33,11 @@ struct Completion {
 };
 
 // Completes the word at the end of `text`, which is the line up to the cursor:
-// commands, methods, the example arguments of a method, `channels`.
+// commands, methods, `channels`, and a method's arguments: with one of
+// `addresses`, or else its example. Blanks within arguments do not count.
 Completion Complete(std::string_view text,
-                    const std::vector<std::string>& channels);
+                    const std::vector<std::string>& channels,
+                    const std::vector<std::string>& addresses);
 
 }  // namespace lumso_host
 

@@ -4,7 +4,7 @@
 // line to edit, help to read, and colours.
 
 #include <fcntl.h>
-#include <glib-unix.h>
+#include <glib.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -16,6 +16,7 @@
 #include "doctor/screen.h"
 #include "host/command_reader.h"
 #include "host/help.h"
+#include "host/interrupts.h"
 #include "host/line_reader.h"
 #include "host/line_writer.h"
 #include "host/plugin_library.h"
@@ -28,11 +29,11 @@ namespace {
 
 using lumso_doctor::Screen;
 
-constexpr int kStatusExpectFailed = 1;
+constexpr int kStatusFailed = 1;
 constexpr int kStatusCannotStart = 2;
 
 constexpr char kUsage[] =
-    R"(Usage: lumso_host [--plugin FILE] [--json] [--help]
+    R"(Usage: lumso_host [--plugin FILE] [--json] [-h | --help]
 
 Loads the plug-in library FILE, registers it and runs the commands that it reads
 on standard input. Without --plugin it takes liblumso_bluetooth_plugin.so beside
@@ -42,9 +43,13 @@ it so on a terminal too, where there is more for people.
 
 Exit status: 0 at the end of the input, after quit, SIGINT or SIGTERM; 1 after
 an expect that failed, or when standard output cannot be written; 2 for wrong
-arguments or a plug-in that cannot be loaded.
+arguments or a plug-in that cannot be loaded; 130 or 143 when SIGINT or SIGTERM
+ended it at once: before the commands, after them, or as a second signal.
 
 )";
+
+constexpr char kGreeting[] =
+    "help lists commands and methods; exit or Ctrl-D ends.";
 
 struct Options {
   bool help = false;
@@ -55,7 +60,7 @@ struct Options {
 bool ParseOptions(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; ++i) {
     const std::string argument = argv[i];
-    if (argument == "--help") {
+    if (argument == "-h" || argument == "--help") {
       options->help = true;
     } else if (argument == "--json") {
       options->json = true;
@@ -68,11 +73,6 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     }
   }
   return true;
-}
-
-gboolean QuitLoop(gpointer loop) {
-  g_main_loop_quit(static_cast<GMainLoop*>(loop));
-  return G_SOURCE_CONTINUE;
 }
 
 // Opens the null device in place of closed standard streams, before anything
@@ -88,29 +88,31 @@ class Host {
  public:
   Host(lumso_host::RegisterFunction register_plugin, const Screen& screen)
       : loop_(g_main_loop_new(nullptr, FALSE)),
+        greets_(screen.person),
+        interrupts_(loop_),
         writer_(screen.person && screen.colours, [this] { Fail(); }),
         reader_(MakeReader(screen)),
-        session_(register_plugin,
-                 screen.person ? lumso_host::Session::Reader::kPerson
-                               : lumso_host::Session::Reader::kProgram,
-                 {[this](const std::string& line) { Print(line); },
-                  [this] { reader_->Resume(); }, [this] { Quit(); }}) {}
+        session_(
+            register_plugin,
+            screen.person ? lumso_host::Session::Reader::kPerson
+                          : lumso_host::Session::Reader::kProgram,
+            {[this](const std::string& line) { Print(line); },
+             [this](const std::string& what) { interrupts_.SetWait(what); },
+             [this] { reader_->Resume(); }, [this] { Quit(); }}) {}
   ~Host() { g_main_loop_unref(loop_); }
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
   // Returns the exit status.
   int Run() {
-    const guint sigint = g_unix_signal_add(SIGINT, QuitLoop, loop_);
-    const guint sigterm = g_unix_signal_add(SIGTERM, QuitLoop, loop_);
+    if (greets_) writer_.WriteLine(kGreeting);
+    interrupts_.SetLoopRuns(true);
     reader_->Resume();
     g_main_loop_run(loop_);
+    interrupts_.SetLoopRuns(false);
     reader_->HidePrompt();
     std::fflush(stdout);
-    g_source_remove(sigint);
-    g_source_remove(sigterm);
-    return output_failed_ || session_.expectation_failed() ? kStatusExpectFailed
-                                                           : 0;
+    return output_failed_ || session_.expectation_failed() ? kStatusFailed : 0;
   }
 
  private:
@@ -124,7 +126,8 @@ class Host {
       return std::make_unique<lumso_host::LineEditor>(
           loop_,
           [this](std::string_view text) {
-            return lumso_host::Complete(text, session_.EventChannels());
+            return lumso_host::Complete(text, session_.EventChannels(),
+                                        session_.addresses());
           },
           execute, quit);
     }
@@ -147,6 +150,8 @@ class Host {
   }
 
   GMainLoop* const loop_;  // Owned reference.
+  const bool greets_;
+  lumso_host::Interrupts interrupts_;
   bool output_failed_ = false;
   lumso_host::LineWriter writer_;
   // Uses session_ from the main loop only.
@@ -165,8 +170,11 @@ int main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, &options)) return kStatusCannotStart;
   if (options.help) {
-    std::printf("%s%s", kUsage, lumso_host::ProtocolHelp().c_str());
-    return 0;
+    int status = 0;
+    lumso_host::LineWriter(false, [&status] {
+      status = kStatusFailed;
+    }).WriteLine(kUsage + lumso_host::ProtocolHelp());
+    return status;
   }
   std::string error;
   const auto register_plugin = lumso_host::LoadPlugin(options.plugin, &error);

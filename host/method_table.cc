@@ -61,17 +61,18 @@ const std::vector<MethodEntry>& MethodTable() {
       BondState("getDeviceBondState"),
       {"bondDevice", kAddress, "bool",
        "paired now, `false` when it was before; **blocks for up to 60 s**",
-       "`false`", kAddressExample, "true"},
+       "`false`", kAddressExample, "true", "60 s at most for the pairing"},
       {"removeDeviceBond", kAddress, "bool",
        "`true` also for a device the daemon does not know, and when the daemon "
        "does not answer",
        "`false`", kAddressExample, "true"},
       {"connect", kAddress, "int",
        "connection id, from 1, never reused; **blocks while it connects**",
-       "error `EINVAL` or `ECONN`", kAddressExample, "1"},
+       "error `EINVAL` or `ECONN`", kAddressExample, "1", "about 30 s at most"},
       {"write", "`id`: int, `bytes`: byte list (`Uint8List`)", "bool",
        "all bytes were taken; **blocks while the device does not take them**",
-       "`false`", R"({"id":1,"bytes":{"uint8":"68656c6c6f"}})", "true"},
+       "`false`", R"({"id":1,"bytes":{"uint8":"68656c6c6f"}})", "true",
+       "until the device takes the bytes or is lost"},
       {"disconnect", "`id`: int", "bool",
        "there was such a connection, and it is closed", "`false`",
        R"({"id":1})", "true"},
@@ -98,6 +99,13 @@ const MethodEntry* FindMethodEntry(std::string_view name) {
     if (name == method.name) return &method;
   }
   return nullptr;
+}
+
+std::string LongestWait(std::string_view name) {
+  const MethodEntry* method = FindMethodEntry(name);
+  return method == nullptr || *method->longest_wait == '\0'
+             ? "25 s at most for each call of the daemon"
+             : method->longest_wait;
 }
 
 std::string ExampleCall(const MethodEntry& method) {

@@ -25,6 +25,8 @@ struct MethodEntry {
   const char* example_arguments;
   // JSON.
   const char* example_result;
+  // How long the method can block; empty for those that ask the daemon at most.
+  const char* longest_wait = "";
 };
 
 // Every method. Methods that differ in name and example alone follow one
@@ -33,6 +35,10 @@ const std::vector<MethodEntry>& MethodTable();
 
 // Returns null for a name that is no method's.
 const MethodEntry* FindMethodEntry(std::string_view name);
+
+// Returns for how long at most a call blocks, also for names that are no
+// method's.
+std::string LongestWait(std::string_view name);
 
 // Returns a line of the host's input that calls the method.
 std::string ExampleCall(const MethodEntry& method);

@@ -8,6 +8,7 @@
 
 #include "doctor/screen.h"
 #include "host/help.h"
+#include "host/method_table.h"
 
 namespace lumso_host {
 
@@ -16,6 +17,7 @@ namespace {
 constexpr char kMethodChannel[] = "lumso_bluetooth/methods";
 constexpr char kBlanks[] = " \t\r";
 constexpr size_t kMaxRemembered = size_t{64} << 20;
+constexpr size_t kMaxAddresses = 100;
 // The main loop's timers count milliseconds in 32 bits.
 constexpr double kMaxSeconds = 1000000;
 
@@ -45,6 +47,22 @@ std::string BadSeconds(const char* command, std::string_view text) {
          (text.empty() ? "" : ", not " + std::string(text));
 }
 
+// Returns how a method is called whose name was taken for a command; empty for
+// other names.
+std::string CallHint(std::string_view name) {
+  for (const MethodEntry& method : MethodTable()) {
+    const std::string_view known = method.name;
+    if (known.size() != name.size() ||
+        g_ascii_strncasecmp(known.data(), name.data(), name.size()) != 0) {
+      continue;
+    }
+    return std::string("; it is a method: call ") + method.name +
+           (*method.example_arguments == '\0' ? "" : " JSON") + " (help " +
+           method.name + ")";
+  }
+  return "";
+}
+
 // Adds what `envelope` says to `line`.
 void AddEnvelope(const Envelope& envelope, const char* value_key,
                  const char* empty_key, Json* line) {
@@ -72,28 +90,38 @@ void AddEnvelope(const Envelope& envelope, const char* value_key,
 
 const std::vector<Session::Command>& Session::Commands() {
   static const std::vector<Command> commands = {
-      {"call", "METHOD [JSON]",
-       "calls METHOD on lumso_bluetooth/methods; without JSON the "
-       "arguments are null",
+      {"call", "", "METHOD [JSON]",
+       "calls METHOD on lumso_bluetooth/methods; without JSON the arguments "
+       "are null",
        &Session::Call},
-      {"listen", "CHANNEL", "starts the stream of an event channel",
+      {"listen", "", "CHANNEL", "starts the stream of an event channel",
        &Session::Listen},
-      {"cancel", "CHANNEL", "stops it", &Session::Cancel},
-      {"sleep", "SECONDS", "holds back the next command; prints nothing",
+      {"cancel", "", "CHANNEL", "stops it", &Session::Cancel},
+      {"sleep", "", "SECONDS", "holds back the next command; prints nothing",
        &Session::Sleep},
-      {"expect", "TEXT SECONDS",
-       "waits until a line that contains TEXT is printed; TEXT may "
-       "contain spaces, the last word is SECONDS",
+      {"expect", "", "TEXT SECONDS",
+       "waits until a line that contains TEXT is printed; TEXT may contain "
+       "spaces, the last word is SECONDS",
        &Session::Expect},
-      {"dispose", "",
+      {"dispose", "", "",
        "drops every handler, as an engine does when it shuts down",
        &Session::Dispose},
-      {"help", "[NAME]",
-       "explains the method or command NAME, or lists them all",
+      {"help", "?", "[NAME]",
+       "explains the method or command NAME, or lists them all; ? does the "
+       "same",
        &Session::Help},
-      {"quit", "", "ends, as the end of the input does", &Session::Quit},
+      {"quit", "exit", "",
+       "ends, as the end of the input does; exit does the same",
+       &Session::Quit},
   };
   return commands;
+}
+
+const Session::Command* Session::FindCommand(std::string_view name) {
+  for (const Command& command : Commands()) {
+    if (name == command.name || name == command.other_name) return &command;
+  }
+  return nullptr;
 }
 
 // A request on its way. The messenger keeps it until it is answered; when it is
@@ -149,14 +177,14 @@ void Session::Execute(const std::string& line) {
     return Fail("the line is not UTF-8 text");
   }
   const std::string_view name = TakeWord(&words);
-  for (const Command& command : Commands()) {
-    if (command.name != name) continue;
-    if (*command.words == '\0' && !words.empty()) {
-      return Fail(std::string(name) + " takes no words");
-    }
-    return (this->*command.run)(words);
+  const Command* command = FindCommand(name);
+  if (command == nullptr) {
+    return Fail("unknown command: " + std::string(name) + CallHint(name));
   }
-  Fail("unknown command: " + std::string(name));
+  if (*command->words == '\0' && !words.empty()) {
+    return Fail(std::string(name) + " takes no words");
+  }
+  (this->*command->run)(words);
 }
 
 void Session::Call(std::string_view words) {
@@ -212,7 +240,9 @@ void Session::Expect(std::string_view words) {
 }
 
 void Session::Dispose(std::string_view) {
+  callbacks_.waits("dispose (about 17 s at most for the prober)");
   in_process_messenger_close(messenger_);
+  callbacks_.waits("");
   Print({{"dispose", true}});
   Finish();
 }
@@ -248,16 +278,20 @@ void Session::SendRequest(const char* command, std::string_view name,
   if (message == nullptr) return Fail("the arguments cannot be encoded");
   request_ = std::string(command) + " " + std::string(name);
   auto request = std::make_shared<Request>(this, command, name);
+  callbacks_.waits(request_ + " (" + LongestWait(method) + ")");
   in_process_messenger_deliver(messenger_, channel, message.get(),
                                [request](GBytes* answer) {
                                  request->answered = true;
                                  request->session->OnAnswer(*request, answer);
                                });
+  callbacks_.waits("");  // An answer may come later, and blocks nothing then.
 }
 
 void Session::OnAnswer(const Request& request, GBytes* answer) {
+  callbacks_.waits("");  // Whoever sees the answer printed waits no more.
   Json line = {{request.command, request.name}};
   AddEnvelope(DecodeEnvelope(answer), "result", "notImplemented", &line);
+  if (reader_ == Reader::kPerson) RememberAddresses(line);
   Print(line);
   if (std::string_view(request.command) != "cancel") ForgetLines();
   Finish();
@@ -272,6 +306,7 @@ void Session::OnUnanswered() {
 void Session::OnMessage(const std::string& channel, GBytes* message) {
   Json line = {{"channel", channel}};
   AddEnvelope(DecodeEnvelope(message), "event", "endOfStream", &line);
+  if (reader_ == Reader::kPerson) RememberAddresses(line);
   Print(line);
 }
 
@@ -305,6 +340,23 @@ void Session::Remember(const std::string& line) {
   while (lines_size_ > kMaxRemembered) {
     lines_size_ -= lines_.front().size();
     lines_.pop_front();
+  }
+}
+
+void Session::RememberAddresses(const Json& json) {
+  for (const auto& [key, value] : json.items()) {
+    if (value.is_structured()) {
+      RememberAddresses(value);
+    } else if (key == "address" && value.is_string()) {
+      const auto& address = value.get_ref<const std::string&>();
+      const auto known =
+          std::find(addresses_.begin(), addresses_.end(), address);
+      if (known != addresses_.end()) addresses_.erase(known);
+      addresses_.push_back(address);
+      if (addresses_.size() > kMaxAddresses) {
+        addresses_.erase(addresses_.begin());
+      }
+    }
   }
 }
 

@@ -29,7 +29,8 @@ class Session {
 
   struct Command {
     const char* name;
-    const char* words;  // That follow the name; empty for none.
+    const char* other_name;  // Empty for none.
+    const char* words;       // That follow the name; empty for none.
     const char* description;
     void (Session::*run)(std::string_view words);
   };
@@ -37,6 +38,9 @@ class Session {
   struct Callbacks {
     // Gets each line to print, without its line end.
     std::function<void(const std::string& line)> print;
+    // Gets what the platform thread is going to wait for inside the plug-in,
+    // and for how long at most; an empty text when it is back.
+    std::function<void(const std::string& what)> waits;
     // Runs when a command has finished, maybe before Execute() returns.
     std::function<void()> finished;
     // Runs when the "quit" command asks for the end.
@@ -44,6 +48,9 @@ class Session {
   };
 
   static const std::vector<Command>& Commands();
+
+  // Finds a command by either name; null when there is none.
+  static const Command* FindCommand(std::string_view name);
 
   // Registers the plug-in.
   Session(RegisterFunction register_plugin, Reader reader, Callbacks callbacks);
@@ -57,6 +64,10 @@ class Session {
 
   // Returns the channels that can be listened to now.
   std::vector<std::string> EventChannels() const;
+
+  // Returns the addresses of devices that came with answers and events, the
+  // latest last.
+  const std::vector<std::string>& addresses() const { return addresses_; }
 
   // Tells whether an "expect" has failed.
   bool expectation_failed() const { return expectation_failed_; }
@@ -86,6 +97,7 @@ class Session {
   void Print(const Json& json);
   void PrintError(const std::string& what);
   void Remember(const std::string& line);
+  void RememberAddresses(const Json& json);
   void ForgetLines();
   void StartTimer(double seconds);
   // Ends the command under way.
@@ -100,6 +112,7 @@ class Session {
   // What the next "expect" looks through first, oldest line first.
   std::deque<std::string> lines_;
   size_t lines_size_ = 0;  // Of the text in lines_.
+  std::vector<std::string> addresses_;
   // What the "expect" under way waits for; empty when there is none.
   std::string expected_;
   guint timer_ = 0;  // Of the "sleep" or "expect" under way; 0 for none.

@@ -28,6 +28,9 @@ constexpr char kPlugin[] = LUMSO_HOST_TEST_PLUGIN;
 constexpr int kColumns = 60;
 constexpr std::chrono::seconds kPatience(20);
 
+constexpr char kGreeting[] =
+    "help lists commands and methods; exit or Ctrl-D ends.";
+
 constexpr char kInterrupt[] = "\x03";
 constexpr char kEnd[] = "\x04";
 
@@ -257,6 +260,22 @@ class HostTerminal : public testing::Test {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
+  void InterruptConnect() {
+    WaitForRow("lumso>");
+    Type("call connect\n");
+    WaitForRow("test plug-in: blocked");
+    Type(kInterrupt);
+  }
+
+  void ExpectStatusAndTerminalBack(int status) {
+    EXPECT_EQ(WaitForEnd(), status);
+    termios settings = {};
+    ASSERT_EQ(tcgetattr(terminal_, &settings), 0);
+    EXPECT_EQ(settings.c_lflag, settings_.c_lflag);
+    EXPECT_EQ(settings.c_iflag, settings_.c_iflag);
+    EXPECT_EQ(settings.c_oflag, settings_.c_oflag);
+  }
+
   // Asks the host to send an event now.
   void SendEvent() { ASSERT_EQ(kill(child_, SIGUSR1), 0); }
 
@@ -330,6 +349,12 @@ TEST_F(HostPrompt, ComesBackBelowAnEvent) {
   WaitForRows({"lumso>", R"({"channel":"test/events","event":7})", "lumso>"});
 }
 
+TEST_F(HostPrompt, FollowsALineForNewcomers) {
+  Start(WithOptions(""), {{"TERM", "dumb"}});
+  WaitForRows({kGreeting, "lumso>"});
+  EXPECT_EQ(rows().size(), 2U);
+}
+
 TEST_F(HostPrompt, IsForTerminalsThatHaveAName) {
   Start(WithOptions(""), {});
   Type(std::string("call echo\n") + kEnd);
@@ -344,6 +369,7 @@ TEST_F(HostPrompt, IsLeftOutWithJson) {
   Type(kEnd);
   EXPECT_EQ(WaitForEnd(), 0);
   EXPECT_EQ(raw().find("lumso>"), std::string::npos);
+  EXPECT_EQ(raw().find(kGreeting), std::string::npos);
   EXPECT_FALSE(has_escapes());
   EXPECT_NE(raw().find("\n{\"call\":\"echo\",\"result\":null}\r\n"),
             std::string::npos);
@@ -520,6 +546,43 @@ TEST_F(HostTerminal, EndsOnAnInterruptWhileACommandRuns) {
   EXPECT_NE(raw().find("test plug-in: dropped"), std::string::npos);
 }
 
+TEST_F(HostTerminal, SaysOnAnInterruptWhatARequestWaitsFor) {
+  Start();
+  InterruptConnect();
+  WaitForRows({"lumso_host: waits for call connect (about 30 s at most), the",
+               "n ends; another signal ends it at once"});
+  Type(kInterrupt);
+  ExpectStatusAndTerminalBack(130);
+}
+
+TEST_F(HostPrompt, SaysOnAnInterruptWhatARequestWaitsFor) {
+  Start(WithOptions(""), {{"TERM", "dumb"}});
+  InterruptConnect();
+  // The terminal shows the key.
+  WaitForRows({"^Clumso_host: waits for call connect (about 30 s at most), t",
+               "hen ends; another signal ends it at once"});
+  Type(kInterrupt);
+  ExpectStatusAndTerminalBack(130);
+}
+
+TEST_F(HostTerminal, EndsAtOnceOnAnInterruptWhileThePluginStarts) {
+  Start(WithOptions(""), {{"TERM", "xterm"}, {"HOST_TEST_BLOCKS_START", "1"}});
+  WaitForRow("test plug-in: blocked");
+  Type(kInterrupt);
+  ExpectStatusAndTerminalBack(130);
+}
+
+TEST_F(HostTerminal, EndsAtOnceOnAnInterruptWhileThePluginEnds) {
+  Start();
+  WaitForRow("lumso>");
+  Type("call blockEnd\n");
+  WaitForRow("lumso>");
+  Type("quit\n");
+  WaitForRow("test plug-in: blocked");
+  Type(kInterrupt);
+  ExpectStatusAndTerminalBack(130);
+}
+
 #ifdef LUMSO_HAVE_LIBEDIT
 
 constexpr char kTab[] = "\t";
@@ -549,6 +612,58 @@ TEST_F(HostEditing, CompletesTheChannelsThatHaveAHandler) {
   WaitForRow("lumso> listen test/");
   Type(std::string("e") + kTab);
   WaitForRow("lumso> listen test/events");
+}
+
+TEST_F(HostEditing, CompletesAnAddressThatItHasSeen) {
+  Start();
+  WaitForRow("lumso>");
+  Type(
+      "call sendEvents "
+      R"([{"device":{"address":"11:22:33:44:55:66"}},{"address":5}])"
+      "\n");
+  WaitForRows({R"({"call":"sendEvents","result":null})", "lumso>"});
+  Type(std::string("call getBondState ") + kTab);
+  WaitForRow(R"(lumso> call getBondState {"address":"11:22:33:44:55:66"})");
+  Type("\n");
+  WaitForRows({R"({"call":"getBondState","notImplemented":true})", "lumso>"});
+}
+
+TEST_F(HostEditing, ListsTheAddressesThatItHasSeen) {
+  Start();
+  WaitForRow("lumso>");
+  Type(
+      "call echo "
+      R"([{"address":"11:22:33:44:55:77"},{"address":"1F:22:33:44:55:66"}])"
+      "\n");
+  WaitForRow("lumso>");
+  Type(
+      "call echo "
+      R"({"address":"11:22:33:44:55:77"})"
+      "\n");
+  WaitForRows({R"({"call":"echo","result":{"address":"11:22:33:44:55:77"}})",
+               "lumso>"});
+  Type(std::string("call connect { ") + kTab + kTab);
+  WaitForRows({R"({"address":"1F:22:33:44:55:66"})",
+               R"({"address":"11:22:33:44:55:77"})",
+               R"(lumso> call connect { "address":"1)"});
+  Type(std::string("F") + kTab);
+  WaitForRow(R"(lumso> call connect { "address":"1F:22:33:44:55:66"})");
+}
+
+TEST_F(HostEditing, ForgetsTheAddressesThatItSawLongAgo) {
+  Start();
+  WaitForRow("lumso>");
+  std::string devices;
+  for (int i = 100; i <= 200; ++i) {
+    devices += R"(,{"address":"N)" + std::to_string(i) + "\"}";
+  }
+  Type("call sendEvents [" + devices.substr(1) + "]\n");
+  WaitForRows({R"({"call":"sendEvents","result":null})", "lumso>"});
+  Type(std::string(R"(call connect {"address":"N10)") + kTab);
+  WaitForRows(
+      {R"({"address":"N109"})", R"(lumso> call connect {"address":"N10)"});
+  Type(std::string("0") + kTab + "1" + kTab);
+  WaitForRow(R"(lumso> call connect {"address":"N1001)");
 }
 
 TEST_F(HostEditing, ListsWhatFitsAboveTheLine) {
@@ -682,11 +797,7 @@ TEST_F(HostEditing, GivesTheTerminalBackAsItWas) {
   ASSERT_EQ(tcgetattr(terminal(), &settings), 0);
   EXPECT_NE(settings.c_lflag, first_settings().c_lflag);
   Type("quit\n");
-  EXPECT_EQ(WaitForEnd(), 0);
-  ASSERT_EQ(tcgetattr(terminal(), &settings), 0);
-  EXPECT_EQ(settings.c_lflag, first_settings().c_lflag);
-  EXPECT_EQ(settings.c_iflag, first_settings().c_iflag);
-  EXPECT_EQ(settings.c_oflag, first_settings().c_oflag);
+  ExpectStatusAndTerminalBack(0);
 }
 
 TEST_F(HostEditing, StopsAndGoesOn) {

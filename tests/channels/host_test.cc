@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -119,15 +120,10 @@ class LiveHost {
 
   // Returns the next line; the case's time limit is its deadline.
   std::string ReadLine() {
-    std::string line;
-    char c = 0;
-    GInputStream* output = g_subprocess_get_stdout_pipe(process_);
-    while (g_input_stream_read(output, &c, 1, nullptr, nullptr) == 1) {
-      if (c == '\n') return line;
-      line.push_back(c);
-    }
-    ADD_FAILURE() << "the output ended";
-    return line;
+    return ReadLineOf(g_subprocess_get_stdout_pipe(process_));
+  }
+  std::string ReadErrorLine() {
+    return ReadLineOf(g_subprocess_get_stderr_pipe(process_));
   }
 
   void Signal(int number) { g_subprocess_send_signal(process_, number); }
@@ -141,6 +137,17 @@ class LiveHost {
   Outcome Close() { return Finish(process_, ""); }
 
  private:
+  static std::string ReadLineOf(GInputStream* output) {
+    std::string line;
+    char c = 0;
+    while (g_input_stream_read(output, &c, 1, nullptr, nullptr) == 1) {
+      if (c == '\n') return line;
+      line.push_back(c);
+    }
+    ADD_FAILURE() << "the output ended";
+    return line;
+  }
+
   GSubprocess* process_;  // Owned.
 };
 
@@ -386,6 +393,13 @@ TEST(HostEnd, QuitLeavesTheRestUnread) {
   EXPECT_EQ(outcome.errors, "test plug-in: dropped\n");
 }
 
+TEST(HostEnd, ExitIsQuit) {
+  const Outcome outcome = RunHost("exit\ncall echo\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.lines, Lines{});
+  EXPECT_EQ(RunOne("exit now"), R"({"error":"exit takes no words"})");
+}
+
 TEST(HostEnd, TheEndOfTheInputDisposesThePlugin) {
   const Outcome outcome = RunHost("call echo 1");
   EXPECT_EQ(outcome.status, 0);
@@ -403,6 +417,91 @@ TEST(HostEnd, SignalsDisposeThePlugin) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.errors, "test plug-in: dropped\n");
   }
+}
+
+// Sends a signal while `command` blocks, and returns what the host says to it.
+std::string Interrupt(LiveHost* host, const std::string& command, int number) {
+  host->Send(command + "\n");
+  EXPECT_EQ(host->ReadErrorLine(), "test plug-in: blocked");
+  host->Signal(number);
+  return host->ReadErrorLine();
+}
+
+TEST(HostEnd, TheFirstSignalSaysWhatItWaitsForAndHowLong) {
+  const std::string daemon = "25 s at most for each call of the daemon";
+  const std::vector<std::pair<std::string, std::string>> waits = {
+      {"call connect {}", "call connect (about 30 s at most)"},
+      {"call bondDevice {}", "call bondDevice (60 s at most for the pairing)"},
+      {"call write {}",
+       "call write (until the device takes the bytes or is lost)"},
+      {"call block", "call block (" + daemon + ")"},
+  };
+  for (const auto& [command, wait] : waits) {
+    LiveHost host;
+    EXPECT_EQ(Interrupt(&host, command, SIGINT),
+              "lumso_host: waits for " + wait +
+                  ", then ends; another signal ends it at once");
+  }
+}
+
+TEST(HostEnd, TheFirstSignalEndsItWhenTheRequestIsAnswered) {
+  for (const int number : {SIGTERM, SIGINT}) {
+    LiveHost host;
+    Interrupt(&host, "call block\ncall echo", number);
+    host.Signal(SIGUSR2);
+    const Outcome outcome = host.WaitWithOpenInput();
+    EXPECT_EQ(outcome.lines, Lines{R"({"call":"block","result":null})"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "test plug-in: dropped\n");
+  }
+}
+
+TEST(HostEnd, ASecondSignalEndsItAtOnce) {
+  for (const auto& [first, second, status] :
+       {std::tuple(SIGINT, SIGINT, 130), std::tuple(SIGTERM, SIGTERM, 143),
+        std::tuple(SIGINT, SIGTERM, 143)}) {
+    LiveHost host;
+    Interrupt(&host, "call connect", first);
+    host.Signal(second);
+    const Outcome outcome = host.WaitWithOpenInput();
+    EXPECT_EQ(outcome.status, status);
+    EXPECT_EQ(outcome.lines, Lines{});
+    EXPECT_EQ(outcome.errors, "");
+  }
+}
+
+TEST(HostEnd, ASignalWhileADisposeBlocksSaysWhatItWaitsFor) {
+  LiveHost host;
+  EXPECT_EQ(Interrupt(&host, "call blockEnd\ndispose", SIGINT),
+            "lumso_host: waits for dispose (about 17 s at most for the "
+            "prober), then ends; another signal ends it at once");
+  host.Signal(SIGINT);
+  EXPECT_EQ(host.WaitWithOpenInput().status, 130);
+}
+
+TEST(HostEnd, ASignalDuringItsOwnEndEndsItAtOnce) {
+  for (const auto& [number, status] :
+       {std::pair(SIGINT, 130), std::pair(SIGTERM, 143)}) {
+    LiveHost host;
+    host.Send("call blockEnd\nquit\n");
+    EXPECT_EQ(host.ReadErrorLine(), "test plug-in: blocked");
+    host.Signal(number);
+    EXPECT_EQ(host.WaitWithOpenInput().status, status);
+  }
+}
+
+TEST(HostEnd, SaysNothingMoreOfARequestThatIsAnswered) {
+  LiveHost host;
+  host.Send("call block\n");
+  EXPECT_EQ(host.ReadErrorLine(), "test plug-in: blocked");
+  host.Signal(SIGUSR2);
+  host.ReadLine();
+  host.Send("call echo\nsleep 1000\n");
+  host.ReadLine();
+  host.Signal(SIGINT);
+  const Outcome outcome = host.WaitWithOpenInput();
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "test plug-in: dropped\n");
 }
 
 TEST(HostEnd, ASignalKeepsTheFailureOfAnExpect) {
@@ -514,6 +613,20 @@ TEST(HostInput, SaysWhatIsWrongWithALineAndGoesOn) {
   EXPECT_EQ(outcome.status, 0);
 }
 
+TEST(HostInput, SaysHowAMethodIsCalled) {
+  const std::vector<std::pair<std::string, std::string>> hints = {
+      {"getState", "getState; it is a method: call getState (help getState)"},
+      {"write {\"id\":1}",
+       "write; it is a method: call write JSON (help write)"},
+      {"ISAVAILABLE",
+       "ISAVAILABLE; it is a method: call isAvailable (help isAvailable)"},
+      {"getStat", "getStat"},
+  };
+  for (const auto& [line, hint] : hints) {
+    EXPECT_EQ(RunOne(line), R"({"error":"unknown command: )" + hint + "\"}");
+  }
+}
+
 TEST(HostInput, RefusesWhatIsNotJson) {
   for (const char* text : {"{", "[1,]", "nul", "1 2", "'a'", "{\"a\":}",
                            "1e999", "01", "{1:2}", "\"a"}) {
@@ -536,10 +649,30 @@ TEST(HostStart, HelpExplainsEveryCommand) {
   }
 }
 
+TEST(HostStart, HelpHasAShortOption) {
+  const Outcome outcome = RunWith({"-h"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.lines, RunWith({"--help"}).lines);
+}
+
 TEST(HostStart, HelpFitsATerminalOf80Columns) {
   for (const std::string& line : RunWith({"--help"}).lines) {
     EXPECT_LE(line.size(), 80U) << line;
   }
+}
+
+TEST(HostStart, HelpThatCannotBeWrittenIsAFailure) {
+  const std::string command =
+      std::string(kHost) + " --help >/dev/full 2>/dev/null";
+  const int status = std::system(command.c_str());
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+}
+
+TEST(HostStart, SaysNothingToPrograms) {
+  const Outcome outcome = RunHost("");
+  EXPECT_EQ(outcome.lines, Lines{});
+  EXPECT_EQ(outcome.errors, "test plug-in: dropped\n");
 }
 
 TEST(HostStart, RefusesWrongArguments) {
@@ -581,6 +714,16 @@ TEST(HostHelp, ExplainsACommandOnOneLine) {
   EXPECT_EQ(RunOne("help sleep"),
             R"({"help":{"command":"sleep SECONDS","description":)"
             R"("holds back the next command; prints nothing"}})");
+}
+
+TEST(HostHelp, ExplainsACommandByItsOtherName) {
+  EXPECT_EQ(RunOne("help exit"), RunOne("help quit"));
+  EXPECT_EQ(RunOne("help ?"), RunOne("help help"));
+}
+
+TEST(HostHelp, HasAShortName) {
+  EXPECT_EQ(RunOne("? getState"), RunOne("help getState"));
+  EXPECT_EQ(RunOne("?"), RunOne("help"));
 }
 
 TEST(HostHelp, KeepsItsWordsApart) {

@@ -5,8 +5,10 @@
 #include <flutter_linux/flutter_linux.h>
 #include <glib-unix.h>
 #include <math.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -60,6 +62,24 @@ void SendEventsOnSignal(FlMethodCall* call) {
       },
       g_object_ref(call), g_object_unref);
 }
+
+volatile sig_atomic_t released = 0;
+
+// Blocks the platform thread, as a silent device does, until the process gets
+// SIGUSR2.
+void Block() {
+  released = 0;
+  signal(SIGUSR2, [](int) { released = 1; });
+  fputs("test plug-in: blocked\n", stderr);
+  while (released == 0) poll(nullptr, 0, 1);
+}
+
+void BlockAndSucceed(FlMethodCall* call) {
+  Block();
+  fl_method_call_respond_success(call, nullptr, nullptr);
+}
+
+bool blocks_end = false;
 
 void SendErrorEvent(FlMethodCall* call) {
   fl_event_channel_send_error(event_channel, "lost", "Connection lost",
@@ -135,6 +155,15 @@ const Method kMethods[] = {
        });
      }},
     {"dropped", [](FlMethodCall*) {}},
+    {"block", BlockAndSucceed},
+    {"connect", BlockAndSucceed},
+    {"bondDevice", BlockAndSucceed},
+    {"write", BlockAndSucceed},
+    {"blockEnd",
+     [](FlMethodCall* call) {
+       blocks_end = true;
+       Succeed(call, nullptr);
+     }},
     {"sendEvents",
      [](FlMethodCall* call) {
        SendEvents(call);
@@ -193,6 +222,7 @@ void OnRawMessage(FlBinaryMessenger* messenger, const gchar*, GBytes*,
 }
 
 void OnChannelDropped(gpointer) {
+  if (blocks_end) Block();
   g_clear_object(&event_channel);
   fputs("test plug-in: dropped\n", stderr);
 }
@@ -201,6 +231,7 @@ void OnChannelDropped(gpointer) {
 
 extern "C" __attribute__((visibility("default"))) void
 lumso_bluetooth_plugin_register_with_registrar(FlPluginRegistrar* registrar) {
+  if (getenv("HOST_TEST_BLOCKS_START") != nullptr) Block();
   FlBinaryMessenger* messenger = fl_plugin_registrar_get_messenger(registrar);
   g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
   g_autoptr(FlMethodChannel) methods = fl_method_channel_new(

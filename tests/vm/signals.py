@@ -4,7 +4,8 @@
 A handler that runs while the kernel connects ends the call, and not the attempt:
 every connect is interrupted and must succeed all the same. The library's own
 threads take no signals but those of their own faults, and the host's thread takes
-those that it took. Meant for the virtual machine (see run).
+those that it took. The signals that end the host wait for a connect, or end it.
+Meant for the virtual machine (see run).
 """
 
 import argparse
@@ -27,6 +28,11 @@ FAULTS = (signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, signal.SIGILL, signal.SI
           signal.SIGSYS, signal.SIGABRT)
 HOSTS_BLOCKED = (1 << 64) - 1 - sum(1 << number - 1 for number in UNBLOCKABLE + FAULTS)
 
+WAITS = (
+    "lumso_host: waits for call connect (about 30 s at most), then ends; "
+    "another signal ends it at once"
+)
+
 
 class Signals(Emulated):
     def start_host(self):
@@ -41,16 +47,19 @@ class Signals(Emulated):
             masks[fields["Name"]] = int(fields["SigBlk"], 16)
         return masks
 
-    def connect_interrupted(self):
-        """The device accepts only when the call was interrupted and the library
-        waits for the outcome."""
+    def begin_connect(self):
+        """Until the call was interrupted and the library waits for the outcome:
+        the device does not accept yet."""
         self.wait_for_end()
-        since = len(self.host.lines)
         told = len(self.peer.lines)
         self.peer.mode("deferring")
         self.host.tell(f'call connect {{"address": "{self.device}"}}')
         self.peer.saw(lambda item: item.get("peer") == "accepted", "connect", told)
         self.wait_until(lambda: self.is_asleep_in(*ASLEEP_IN_POLL), 5, "wait for the outcome")
+
+    def connect_interrupted(self):
+        since = len(self.host.lines)
+        self.begin_connect()
         self.peer.obey("become echo")
         answer = self.host.answer(since, 5, "answer to connect")
         self.opened += 1
@@ -58,6 +67,13 @@ class Signals(Emulated):
         self.host.listen(f"lumso_bluetooth/read/{self.opened}")
         self.echo(self.opened, b"in the storm")
         return self.opened
+
+    def end_while_connecting(self, number):
+        """Sends a new host a signal that ends it, and hears what it waits for."""
+        self.start_host()
+        self.begin_connect()
+        self.host.process.send_signal(number)
+        self.host.wait(lambda: WAITS in self.host.errors, 5, f"line '{WAITS}'")
 
     def run(self):
         slow_controllers()
@@ -85,6 +101,20 @@ class Signals(Emulated):
             # The prober may have met the channel while it closed.
             said = [line for line in self.host.errors if line and "RSSI probe" not in line]
             check(not said, f"standard error says {said}")
+        with self.step("A signal that ends the host waits for the connect, which succeeds"):
+            self.end_while_connecting(signal.SIGTERM)
+            since = len(self.host.lines)
+            self.peer.obey("become echo")
+            answer = self.host.answer(since, 5, "answer to connect")
+            check(same(answer.get("result"), 1), f"connect was answered with {answer}")
+            status = self.host.process.wait(5)
+            check(status == 0, f"lumso_host ended with status {status}")
+        with self.step("A second one ends it at once"):
+            self.end_while_connecting(signal.SIGINT)
+            with self.measured("second signal to the host's end", 1):
+                self.host.process.send_signal(signal.SIGINT)
+                status = self.host.process.wait(5)
+            check(status == 130, f"lumso_host ended with status {status}")
 
 
 def parse_arguments():
