@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
-#include <map>
+#include <optional>
 #include <string_view>
 #include <utility>
 
+#include "doctor/safe_text.h"
 #include "doctor/steps.h"
 
 namespace lumso_doctor {
@@ -30,10 +31,9 @@ constexpr char kAccessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
 constexpr char kNoOwner[] = "org.freedesktop.DBus.Error.NameHasNoOwner";
 constexpr char kServiceUnknown[] = "org.freedesktop.DBus.Error.ServiceUnknown";
 constexpr char kNoReply[] = "org.freedesktop.DBus.Error.NoReply";
+constexpr char kNoAgent[] = "org.bluez.Error.DoesNotExist";
 
-constexpr int kBusMs = 5000;
-constexpr int kDaemonMs = 8000;
-constexpr gint64 kSettleUs = 300000;
+constexpr gint64 kSlowMs = 2000;
 
 struct BusCall {
   const char* name;
@@ -45,38 +45,51 @@ struct BusCall {
   int limit_ms;
 };
 
-std::string NoAnswerWithin(int limit_ms) {
-  return "no answer within " + std::to_string(limit_ms) + " ms";
+void BeLate(int limit_ms, int patience_ms, BusAnswer* answer) {
+  answer->late = true;
+  answer->hurried = limit_ms < patience_ms;
+  answer->message = "no answer within " + std::to_string(limit_ms) + " ms";
 }
 
 // Starts nothing that does not run.
 BusAnswer Ask(const Patient& patient, const BusCall& call) {
   BusAnswer answer;
-  const int limit_ms = TimeLeft(patient, call.limit_ms);
+  const int limit_ms = TimeFor(patient, call.limit_ms);
+  const Wait wait(patient,
+                  std::string("an answer of ") +
+                      (call.name == kBluez ? "the Bluetooth daemon"
+                       : call.name == kBus ? "the bus"
+                                           : "systemd"),
+                  limit_ms);
+  const gint64 began = g_get_monotonic_time();
   g_autoptr(GError) error = nullptr;
   answer.value.reset(g_dbus_connection_call_sync(
       patient.bus.get(), call.name, call.path, call.interface, call.method,
       call.arguments, G_VARIANT_TYPE(call.reply_type),
       G_DBUS_CALL_FLAGS_NO_AUTO_START, limit_ms, nullptr, &error));
+  answer.took_ms = (g_get_monotonic_time() - began) / 1000;
   if (error == nullptr) return answer;
+  if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+    BeLate(limit_ms, call.limit_ms, &answer);
+    return answer;
+  }
   g_autofree gchar* name = g_dbus_error_get_remote_error(error);
-  answer.late = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT);
   g_dbus_error_strip_remote_error(error);
   if (name != nullptr) answer.error = name;
-  answer.message = answer.late ? NoAnswerWithin(limit_ms) : error->message;
+  answer.message = Printable(error->message);
   return answer;
 }
 
 BusAnswer AskBus(const Patient& patient, const char* method,
                  GVariant* arguments, const char* reply_type) {
-  return Ask(patient,
-             {kBus, kBusPath, kBus, method, arguments, reply_type, kBusMs});
+  return Ask(patient, {kBus, kBusPath, kBus, method, arguments, reply_type,
+                       patient.patience.bus});
 }
 
 BusAnswer AskForObjects(const Patient& patient) {
-  return Ask(patient,
-             {kBluez, "/", "org.freedesktop.DBus.ObjectManager",
-              "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})", kDaemonMs});
+  return Ask(patient, {kBluez, "/", "org.freedesktop.DBus.ObjectManager",
+                       "GetManagedObjects", nullptr, "(a{oa{sa{sv}}})",
+                       patient.patience.daemon});
 }
 
 // Runs the main loop until `done`, or for `limit_ms`.
@@ -109,7 +122,9 @@ void OnConnected(GObject*, GAsyncResult* result, gpointer user_data) {
   connecting.connection.reset(
       g_dbus_connection_new_for_address_finish(result, &error));
   if (error != nullptr) {
-    connecting.answer.message = error->message;
+    connecting.answer.message = Printable(error->message);
+    connecting.answer.denied =
+        g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED);
     connecting.answer.absent =
         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_NOT_FOUND) ||
         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CONNECTION_REFUSED);
@@ -117,15 +132,15 @@ void OnConnected(GObject*, GAsyncResult* result, gpointer user_data) {
   connecting.done = true;
 }
 
-// Makes a connection of the doctor's own, whose agent is nobody else's. It is
-// given up when the bus says nothing.
+// Makes a connection of the doctor's own. It is given up when the bus says
+// nothing.
 BusAnswer ConnectToBus(Patient* patient) {
   const auto connecting = std::make_shared<Connecting>();
   g_autoptr(GError) error = nullptr;
   g_autofree gchar* address =
       g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
   if (address == nullptr) {
-    connecting->answer.message = error->message;
+    connecting->answer.message = Printable(error->message);
     return std::move(connecting->answer);
   }
   g_dbus_connection_new_for_address(
@@ -135,10 +150,11 @@ BusAnswer ConnectToBus(Patient* patient) {
           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
       nullptr, nullptr, OnConnected,
       std::make_unique<ConnectingPtr>(connecting).release());
-  const int limit_ms = TimeLeft(*patient, kBusMs);
+  const int limit_ms = TimeFor(*patient, patient->patience.bus);
+  const Wait wait(*patient, "the bus to let the doctor in", limit_ms);
   RunUntil(connecting->done, limit_ms);
-  connecting->answer.late = !connecting->done;
-  if (!connecting->done) connecting->answer.message = NoAnswerWithin(limit_ms);
+  if (!connecting->done)
+    BeLate(limit_ms, patient->patience.bus, &connecting->answer);
   patient->bus = std::move(connecting->connection);
   return std::move(connecting->answer);
 }
@@ -205,30 +221,48 @@ Finding ExamineService(Finding finding, GVariant* unit, bool startable,
   const std::string load = Text(unit, "LoadState");
   const std::string active = Text(unit, "ActiveState");
   const std::string file = Text(unit, "UnitFileState");
-  finding.saw.push_back("bluetooth.service: " + load + ", " + active +
-                        (file.empty() ? "" : ", " + file));
+  finding.saw.push_back("bluetooth.service: " + Printable(load) + ", " +
+                        Printable(active) +
+                        (file.empty() ? "" : ", " + Printable(file)));
+  if (load == "bad-setting" || load == "error")
+    return Problem(std::move(finding), kUnitBroken);
   if (load == "masked" || active == "failed")
-    return Problem(std::move(finding), Trouble::kDaemonFails);
-  if (load == "not-found" || file == "disabled")
-    return Problem(std::move(finding), Trouble::kNoDaemon);
+    return Problem(std::move(finding), kDaemonFails);
+  if (load == "not-found") return Problem(std::move(finding), kNoDaemon);
+  if (file == "disabled") return Problem(std::move(finding), kDaemonDisabled);
   if (active != "inactive") {
-    return CannotTell(std::move(finding), "its service is " + active +
-                                              " and has no name on the bus");
+    return CannotTell(
+        std::move(finding),
+        "its service is " + Printable(active) + " and has no name on the bus");
   }
   // Nobody asks systemd for it before there is a controller.
-  if (patient.controllers.empty() && patient.adapter_spoilt != nullptr) {
-    return CannotTell(std::move(finding),
-                      std::string("see ") + patient.adapter_spoilt);
+  if (Controllers(patient).empty()) {
+    const auto radio = patient.lost.find(Part::kRadio);
+    return radio == patient.lost.end()
+               ? Problem(std::move(finding), kDaemonSkipped)
+               : CannotTell(std::move(finding),
+                            std::string("see ") + radio->second);
   }
-  if (patient.controllers.empty())
-    return Problem(std::move(finding), Trouble::kDaemonSkipped);
-  if (!startable) return Problem(std::move(finding), Trouble::kNoDaemon);
+  if (!startable) return Problem(std::move(finding), kDaemonDisabled);
   return CannotTell(std::move(finding),
                     "the bus starts it at an application's first call; after "
                     "systemctl start bluetooth the doctor sees more");
 }
 
-Finding ExamineAbsentDaemon(Finding finding, Patient* patient) {
+// Says the same where systemd does not answer.
+Finding ExamineWithoutSystemd(Finding finding, const BusAnswer& unit,
+                              bool startable, const Patient& patient) {
+  if (IsInFlatpak(patient) || IsInSnap(patient))
+    return Problem(std::move(finding), kDaemonUnseen);
+  const bool absent = unit.error == kServiceUnknown || unit.error == kNoOwner;
+  if (!absent && startable)
+    return CannotTell(std::move(finding), "systemd: " + unit.message);
+  finding.saw.push_back(absent ? "no systemd on the bus"
+                               : "systemd: " + unit.message);
+  return Problem(std::move(finding), startable ? kNoSystemd : kNoDaemon);
+}
+
+Finding ExamineAbsentDaemon(Patient* patient) {
   const BusAnswer names =
       AskBus(*patient, "ListActivatableNames", nullptr, "(as)");
   bool startable = false;
@@ -237,26 +271,24 @@ Finding ExamineAbsentDaemon(Finding finding, Patient* patient) {
     g_variant_get(names.value.get(), "(^a&s)", &all);
     startable = g_strv_contains(all, kBluez);
   }
+  Finding finding;
+  finding.lost.push_back(Part::kDaemon);
   finding.saw.push_back(std::string("it does not run, and the bus ") +
                         (startable ? "may start it" : "cannot start it"));
   const BusAnswer unit =
       Ask(*patient, {kSystemd, "/org/freedesktop/systemd1",
                      "org.freedesktop.systemd1.Manager", "LoadUnit",
-                     g_variant_new("(s)", "bluetooth.service"), "(o)", kBusMs});
+                     g_variant_new("(s)", "bluetooth.service"), "(o)",
+                     patient->patience.bus});
   if (unit.value == nullptr) {
-    const bool absent = unit.error == kServiceUnknown || unit.error == kNoOwner;
-    const std::string reason =
-        absent ? "no systemd on the bus" : "systemd: " + unit.message;
-    if (startable && !absent) return CannotTell(std::move(finding), reason);
-    finding.saw.push_back(reason);
-    return Problem(std::move(finding), Trouble::kNoDaemon);
+    return ExamineWithoutSystemd(std::move(finding), unit, startable, *patient);
   }
   const gchar* path = nullptr;
   g_variant_get(unit.value.get(), "(&o)", &path);
   const BusAnswer state =
       Ask(*patient, {kSystemd, path, kProperties, "GetAll",
                      g_variant_new("(s)", "org.freedesktop.systemd1.Unit"),
-                     "(a{sv})", kBusMs});
+                     "(a{sv})", patient->patience.bus});
   if (state.value == nullptr)
     return CannotTell(std::move(finding), "systemd: " + state.message);
   const VariantPtr properties(g_variant_get_child_value(state.value.get(), 0));
@@ -264,55 +296,71 @@ Finding ExamineAbsentDaemon(Finding finding, Patient* patient) {
                         *patient);
 }
 
-// The adapters that let devices pair with them, by their paths.
-std::map<std::string, bool> Pairable(const Patient& patient) {
-  std::map<std::string, bool> pairable;
-  ForEachObject(patient, kAdapterInterface,
-                [&pairable](const std::string& path, GVariant* properties) {
-                  pairable[path] = IsSet(properties, "Pairable");
-                });
-  return pairable;
-}
-
-// A daemon lets devices pair while somebody has an agent, and no longer when
-// the last one goes, also where that was set by hand: there it is set again.
-// That happens some milliseconds after the daemon's answer.
-void RestorePairable(const std::map<std::string, bool>& before,
-                     Patient* patient) {
-  const gint64 end = g_get_monotonic_time() + kSettleUs;
-  while (g_get_monotonic_time() < end) {
-    BusAnswer now = AskForObjects(*patient);
-    if (now.value == nullptr) return;
-    patient->objects = std::move(now);
-    for (const auto& [path, pairable] : Pairable(*patient)) {
-      const auto was = before.find(path);
-      if (was == before.end() || !was->second || pairable) continue;
-      Ask(*patient, {kBluez, path.c_str(), kProperties, "Set",
-                     g_variant_new("(ssv)", kAdapterInterface, "Pairable",
-                                   g_variant_new_boolean(TRUE)),
-                     "()", kBusMs});
-    }
-    g_usleep(kSettleUs / 10);
-  }
-}
-
 struct Device {
-  std::string path;
+  std::string adapter;  // By name.
   VariantPtr properties;
 };
 
-// The device's first record whose path begins with `start`.
-Device FindDevice(const Patient& patient, const std::string& start) {
-  Device found;
+// The device's records, one for each adapter that knows it; that of the adapter
+// that is taken comes first.
+std::vector<Device> FindDevice(const Patient& patient) {
+  std::vector<Device> found;
   ForEachObject(
       patient, kDeviceInterface,
       [&](const std::string& path, GVariant* properties) {
         const std::string address = Text(properties, "Address");
-        if (found.properties == nullptr && path.rfind(start, 0) == 0 &&
-            g_ascii_strcasecmp(address.c_str(), patient.address.c_str()) == 0)
-          found = {path, VariantPtr(g_variant_ref(properties))};
+        if (g_ascii_strcasecmp(address.c_str(), patient.address.c_str()) != 0) {
+          return;
+        }
+        const std::string adapter = path.substr(0, path.rfind('/'));
+        found.insert(
+            adapter == patient.adapter ? found.begin() : found.end(),
+            Device{LastName(adapter), VariantPtr(g_variant_ref(properties))});
       });
   return found;
+}
+
+std::string Joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (size_t i = 0; i < names.size(); ++i) {
+    if (i > 0) text += i + 1 < names.size() ? ", " : " and ";
+    text += names[i];
+  }
+  return text;
+}
+
+// The services as people look them up: those of the Bluetooth base are known by
+// their numbers.
+std::vector<std::string> Services(GVariant* device) {
+  constexpr std::string_view kBase = "-0000-1000-8000-00805f9b34fb";
+  const VariantPtr uuids = Property(device, "UUIDs", "as");
+  if (uuids == nullptr) return {};
+  std::vector<std::string> services;
+  g_autofree const gchar** all = g_variant_get_strv(uuids.get(), nullptr);
+  for (const gchar** uuid = all; *uuid != nullptr; ++uuid) {
+    const std::string text = *uuid;
+    if (!g_uuid_string_is_valid(*uuid)) continue;
+    services.push_back(
+        text.rfind("0000", 0) == 0 && text.substr(8) == kBase
+            ? "0x" + text.substr(4, 4) +
+                  (text.substr(4, 4) == "1101" ? " (serial port)" : "")
+            : text);
+  }
+  return services;
+}
+
+// A device that was seen by inquiry has a class; one that says so itself in its
+// advertising has no Bluetooth Classic. A random address is always a Low Energy
+// one.
+bool IsLowEnergyOnly(GVariant* device) {
+  if (Text(device, "AddressType") == "random") return true;
+  if (Property(device, "Class", "u") != nullptr) return false;
+  constexpr guint8 kNoClassic = 0x04;
+  const VariantPtr flags = Property(device, "AdvertisingFlags", "ay");
+  if (flags == nullptr || g_variant_n_children(flags.get()) == 0) return false;
+  guint8 first = 0;
+  g_variant_get_child(flags.get(), 0, "y", &first);
+  return (first & kNoClassic) != 0;
 }
 
 void Note(GDBusConnection*, const gchar*, const gchar*, const gchar*,
@@ -339,7 +387,11 @@ std::optional<bool> TakesForgedSignals(const Patient& patient) {
                                   kOwnPath, kOwnInterface, signal, nullptr,
                                   nullptr);
   }
-  RunUntil(own, TimeLeft(patient, kBusMs));
+  const int limit_ms = TimeFor(patient, patient.patience.bus);
+  {
+    const Wait wait(patient, "a signal of the doctor's own", limit_ms);
+    RunUntil(own, limit_ms);
+  }
   g_dbus_connection_signal_unsubscribe(bus, forged_id);
   g_dbus_connection_signal_unsubscribe(bus, own_id);
   return own ? std::optional<bool>(forged) : std::nullopt;
@@ -354,34 +406,83 @@ bool IsProbedName(const std::string& name) {
                      });
 }
 
-Finding ExamineBus(Patient* patient) {
-  Finding finding = BeginStep("bus");
-  if (patient->bus_spoilt != nullptr) {
-    return CannotTell(std::move(finding),
-                      std::string("not asked: see ") + patient->bus_spoilt);
+bool RefreshObjects(Patient* patient) {
+  if (patient->bus == nullptr) return false;
+  BusAnswer now = AskForObjects(*patient);
+  if (now.value == nullptr) return false;
+  patient->objects = std::move(now);
+  return true;
+}
+
+std::vector<std::string> BondedAdapters(const Patient& patient) {
+  std::vector<std::string> adapters;
+  for (const Device& device : FindDevice(patient)) {
+    if (IsSet(device.properties.get(), "Paired"))
+      adapters.push_back(device.adapter);
   }
-  patient->bus_spoilt = finding.step;
+  return adapters;
+}
+
+std::string AdapterOf(const Patient& patient, const std::string& address) {
+  std::string name;
+  if (address.empty() || patient.objects.value == nullptr) return name;
+  ForEachObject(patient, kAdapterInterface,
+                [&](const std::string& path, GVariant* properties) {
+                  const std::string own = Text(properties, "Address");
+                  if (g_ascii_strcasecmp(own.c_str(), address.c_str()) == 0)
+                    name = LastName(path);
+                });
+  return name;
+}
+
+std::string HowToForget(const Patient& patient, const std::string& adapter) {
+  size_t adapters = 0;
+  std::string address;
+  ForEachObject(patient, kAdapterInterface,
+                [&](const std::string& path, GVariant* properties) {
+                  ++adapters;
+                  if (LastName(path) == adapter)
+                    address = Text(properties, "Address");
+                });
+  const std::string remove = "remove " + patient.address;
+  return adapters == 1 ? "bluetoothctl " + remove
+                       : "in bluetoothctl, select " + Printable(address) +
+                             " and then " + remove;
+}
+
+Finding ExamineBus(Patient* patient) {
+  const bool sandbox = IsInFlatpak(*patient) || IsInSnap(*patient);
+  Finding finding;
+  finding.lost = {Part::kBus};
   const gint64 began = g_get_monotonic_time();
   BusAnswer answer = ConnectToBus(patient);
   if (patient->bus != nullptr) {
     answer =
         AskBus(*patient, "GetNameOwner", g_variant_new("(s)", kBluez), "(s)");
   }
+  if (answer.hurried)
+    return CannotTell(std::move(finding), "no time was left to wait for it");
   if (answer.late) {
     finding.saw.push_back(answer.message);
-    return Problem(std::move(finding), Trouble::kBusSilent);
+    return Problem(std::move(finding), kBusSilent);
   }
   if (patient->bus == nullptr) {
     finding.saw.push_back(answer.message);
-    return Problem(std::move(finding),
-                   answer.absent ? Trouble::kNoBus : Trouble::kBusRefuses);
+    if (sandbox && (answer.absent || answer.denied))
+      return Problem(std::move(finding), kBusWithheld);
+    return Problem(std::move(finding), answer.absent ? kNoBus : kBusRefuses);
+  }
+  if (answer.value == nullptr && answer.error != kNoOwner) {
+    finding.saw.push_back("GetNameOwner: " + answer.message);
+    if (sandbox && answer.error == kAccessDenied)
+      return Problem(std::move(finding), kBusWithheld);
+    finding.verdict = Verdict::kProblem;
+    return finding;
   }
   finding.saw.push_back(
       "answers after " +
       std::to_string((g_get_monotonic_time() - began) / 1000) + " ms");
-  if (answer.value == nullptr && answer.error != kNoOwner)
-    return Problem(std::move(finding), "GetNameOwner: " + answer.message);
-  patient->bus_spoilt = nullptr;
+  finding.lost.clear();
   if (answer.value == nullptr) return finding;
   const gchar* owner = nullptr;
   g_variant_get(answer.value.get(), "(&s)", &owner);
@@ -389,121 +490,122 @@ Finding ExamineBus(Patient* patient) {
 
   patient->objects = AskForObjects(*patient);
   if (patient->objects.error == kAccessDenied) {
-    finding.saw.push_back("org.bluez: " + patient->objects.message);
-    patient->daemon_spoilt = finding.step;
-    return Problem(std::move(finding),
-                   IsInSnap(*patient) ? Trouble::kNoBus : Trouble::kDenied);
+    finding.lost = {Part::kDaemon};
+    finding.saw.insert(finding.saw.begin(),
+                       "org.bluez: " + patient->objects.message);
+    return Problem(std::move(finding), sandbox ? kBusWithheld : kDenied);
   }
   finding.saw.push_back("lets this user call org.bluez");
   return finding;
 }
 
 Finding ExamineDaemon(Patient* patient) {
-  Finding finding = BeginStep("daemon");
-  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
-    if (spoilt != nullptr)
-      return CannotTell(std::move(finding),
-                        std::string("not asked: see ") + spoilt);
+  if (patient->daemon_owner.empty()) return ExamineAbsentDaemon(patient);
+  const BusAnswer& objects = patient->objects;
+  Finding finding;
+  if (objects.value == nullptr) {
+    finding.lost.push_back(Part::kDaemon);
+    if (objects.hurried)
+      return CannotTell(std::move(finding), "no time was left to wait for it");
+    if (objects.late) {
+      finding.saw.push_back("it runs: " + objects.message);
+      return Problem(std::move(finding), kDaemonHangs);
+    }
+    finding.saw.push_back("GetManagedObjects: " + objects.message);
+    if (objects.error == kNoReply)
+      return Problem(std::move(finding), kDaemonFails);
+    finding.verdict = Verdict::kProblem;
+    return finding;
   }
-  patient->daemon_spoilt = finding.step;
-  if (patient->daemon_owner.empty())
-    return ExamineAbsentDaemon(std::move(finding), patient);
-  if (patient->objects.late) {
-    finding.saw.push_back("it runs: " + patient->objects.message);
-    return Problem(std::move(finding), Trouble::kDaemonHangs);
-  }
-  if (patient->objects.value == nullptr) {
-    const std::string reason = "GetManagedObjects: " + patient->objects.message;
-    if (patient->objects.error != kNoReply)
-      return Problem(std::move(finding), reason);
-    finding.saw.push_back(reason);
-    return Problem(std::move(finding), Trouble::kDaemonFails);
-  }
-  patient->daemon_spoilt = nullptr;
   const std::string version = DaemonVersion(*patient);
-  finding.saw.push_back("it runs and answers, " + (version.empty()
-                                                       ? "version not told"
-                                                       : "version " + version));
-  return finding;
+  finding.saw.push_back(
+      "it answers after " + std::to_string(objects.took_ms) + " ms, " +
+      (version.empty() ? "version not told" : "version " + version));
+  return objects.took_ms < kSlowMs ? std::move(finding)
+                                   : Problem(std::move(finding), kDaemonSlow);
 }
 
 Finding ExamineAdapter(Patient* patient) {
-  Finding finding = BeginStep("adapter");
-  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
-    if (spoilt != nullptr)
-      return CannotTell(std::move(finding),
-                        std::string("not asked: see ") + spoilt);
-  }
-  VariantPtr taken;
+  Finding finding;
+  bool is_on = false;
   ForEachObject(
       *patient, kAdapterInterface,
       [&](const std::string& path, GVariant* properties) {
+        const std::string name = LastName(path);
+        const bool powered = IsSet(properties, "Powered");
         finding.saw.push_back(
-            LastName(path) + " " + Text(properties, "Address") +
-            (IsSet(properties, "Powered") ? ", on" : ", off") +
+            name + " " + Printable(Text(properties, "Address")) +
+            (powered ? ", on" : ", off") +
             (IsSet(properties, "Discovering") ? ", discovering" : "") +
             (IsSet(properties, "Pairable") ? ", pairable" : ", not pairable"));
-        if (taken != nullptr) return;
-        taken.reset(g_variant_ref(properties));
+        if (powered) patient->powered.push_back(name);
+        if (!patient->adapter.empty()) return;
         patient->adapter = path;
+        is_on = powered;
       });
-  const char* const earlier = patient->adapter_spoilt;
-  const std::string name = LastName(patient->adapter);
-  if (taken != nullptr) {
-    finding.saw.push_back("an application takes " + name +
-                          ", the first that the daemon lists");
-    if (IsSet(taken.get(), "Powered")) {
-      patient->adapter_spoilt = nullptr;
-      return finding;
-    }
-  } else {
+  if (patient->powered.empty()) finding.lost.push_back(Part::kAdapter);
+  const auto radio = patient->lost.find(Part::kRadio);
+  const auto see_radio = [&] {
+    return CannotTell(std::move(finding), std::string("see ") + radio->second);
+  };
+  if (patient->adapter.empty()) {
     finding.saw.push_back("the daemon lists none");
+    if (radio != patient->lost.end()) return see_radio();
+    const std::vector<std::string> controllers = Controllers(*patient);
+    if (controllers.empty()) return Problem(std::move(finding), kNoAdapter);
+    finding.saw.push_back("the kernel has " + Joined(controllers));
+    return Problem(std::move(finding), kAdapterWithheld);
   }
-  if (earlier != nullptr)
-    return CannotTell(std::move(finding), std::string("see ") + earlier);
-  patient->adapter_spoilt = finding.step;
-  if (taken == nullptr) return Problem(std::move(finding), Trouble::kNoAdapter);
+  const std::string name = LastName(patient->adapter);
+  // The listing of the others comes after what matters of them.
+  auto next = finding.saw.begin() + 1;
+  if (patient->powered.size() > 1) {
+    next = finding.saw.insert(
+        next, Joined(patient->powered) +
+                  " are on: a stream is opened by whichever the kernel "
+                  "chooses");
+    finding.telling = 2;
+    ++next;
+  }
+  finding.saw.insert(next, "an application takes " + name +
+                               ", the first that the daemon lists, for "
+                               "discovery, bonds and state");
+  if (is_on) return finding;
+  if (radio != patient->lost.end()) return see_radio();
   const auto& blocked = patient->blocked;
   const bool is_blocked = std::any_of(
-      blocked.begin(), blocked.end(), [&name](const std::string& radio) {
-        return radio == name || !IsController(radio);
+      blocked.begin(), blocked.end(), [&name](const std::string& switched) {
+        return switched == name || !IsController(switched);
       });
-  return Problem(std::move(finding),
-                 is_blocked ? Trouble::kBlocked : Trouble::kAdapterOff);
+  return Problem(std::move(finding), is_blocked ? kBlocked : kAdapterOff);
 }
 
+// Registers none: an agent that comes or goes changes the adapters. To
+// withdraw one that is not there is refused, and tells who may ask.
 Finding ExamineAgent(Patient* patient) {
-  Finding finding = BeginStep("agent");
-  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
-    if (spoilt != nullptr)
-      return CannotTell(std::move(finding),
-                        std::string("not asked: see ") + spoilt);
+  Finding finding;
+  bool takes_agents = false;
+  ForEachObject(*patient, kAgentManager,
+                [&takes_agents](const std::string& path, GVariant*) {
+                  takes_agents |= path == kBluezPath;
+                });
+  if (!takes_agents) {
+    finding.saw.push_back("the daemon has no agent manager");
+    return Problem(std::move(finding), kAgentRefused);
   }
-  const auto ask = [&](const char* method, GVariant* arguments) {
-    return Ask(*patient, {kBluez, kBluezPath, kAgentManager, method, arguments,
-                          "()", kBusMs});
-  };
-  BusAnswer now = AskForObjects(*patient);
-  if (now.value != nullptr) patient->objects = std::move(now);
-  const auto pairable = Pairable(*patient);
-  const BusAnswer made =
-      ask("RegisterAgent", g_variant_new("(os)", kOwnPath, "NoInputNoOutput"));
-  if (made.value == nullptr) {
-    // The daemon may come to it yet, and to this after it.
-    if (made.late) {
-      g_dbus_connection_call(
-          patient->bus.get(), kBluez, kBluezPath, kAgentManager,
-          "UnregisterAgent", g_variant_new("(o)", kOwnPath), nullptr,
-          G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
-    }
-    finding.saw.push_back("RegisterAgent: " + made.message);
-    return Problem(std::move(finding), made.error == kAccessDenied
-                                           ? Trouble::kDenied
-                                           : Trouble::kAgentRefused);
+  const BusAnswer answer = Ask(
+      *patient, {kBluez, kBluezPath, kAgentManager, "UnregisterAgent",
+                 g_variant_new("(o)", kOwnPath), "()", patient->patience.bus});
+  if (answer.hurried)
+    return CannotTell(std::move(finding), "no time was left to wait for it");
+  if (answer.error != kNoAgent) {
+    finding.saw.push_back("AgentManager1: " + answer.message);
+    return Problem(std::move(finding), answer.late ? kDaemonHangs
+                                       : answer.error == kAccessDenied
+                                           ? kDenied
+                                           : kAgentRefused);
   }
-  ask("UnregisterAgent", g_variant_new("(o)", kOwnPath));
-  RestorePairable(pairable, patient);
-  finding.saw.push_back("one can be registered");
+  finding.saw.push_back("the daemon lets this user ask for one");
   finding.saw.push_back(
       "pairings that a device begins go to whoever asked last to be the "
       "default: the application, or a desktop's dialogue that came later");
@@ -513,13 +615,14 @@ Finding ExamineAgent(Patient* patient) {
 // Since 2.78.5, 2.80.1 and 2.81, and in what distributions mended, a signal
 // counts only when the owner of the name sent it (CVE-2024-34397).
 Finding ExamineGlib(Patient* patient) {
-  Finding finding = BeginStep("GLib");
+  Finding finding;
   finding.saw.push_back("version " + std::to_string(glib_major_version) + "." +
                         std::to_string(glib_minor_version) + "." +
                         std::to_string(glib_micro_version));
-  const auto takes_forged = patient->bus_spoilt == nullptr
-                                ? TakesForgedSignals(*patient)
-                                : std::nullopt;
+  const auto takes_forged =
+      patient->bus != nullptr && patient->lost.count(Part::kBus) == 0
+          ? TakesForgedSignals(*patient)
+          : std::nullopt;
   if (!takes_forged) {
     return JudgeGlib(std::move(finding), glib_major_version, glib_minor_version,
                      glib_micro_version);
@@ -547,48 +650,59 @@ Finding JudgeGlib(Finding finding, unsigned major, unsigned minor,
 }
 
 Finding ExamineDevice(Patient* patient) {
-  Finding finding = BeginStep("device");
-  finding.saw.push_back(patient->address);
-  if (bachk(patient->address.c_str()) != 0) {
-    patient->address_spoilt = finding.step;
-    return Problem(std::move(finding), Trouble::kBadAddress);
-  }
-  for (const char* spoilt : {patient->bus_spoilt, patient->daemon_spoilt}) {
-    if (spoilt != nullptr)
-      return CannotTell(std::move(finding),
-                        std::string("not asked for: see ") + spoilt);
-  }
-  const VariantPtr device =
-      FindDevice(*patient, patient->adapter + "/").properties;
-  if (device == nullptr) {
-    const std::string elsewhere = FindDevice(*patient, "/").path;
-    if (!elsewhere.empty()) {
-      finding.saw.push_back(
-          "known to " + LastName(elsewhere.substr(0, elsewhere.rfind('/'))) +
-          ", which is not the adapter that an application takes");
+  Finding finding;
+  const std::string own = AdapterOf(*patient, patient->address);
+  patient->own_address = !own.empty();
+  if (patient->own_address) {
+    finding.saw.push_back("this is " + own + ", an adapter of this machine");
+    finding.telling = 2;
+    if (patient->powered == std::vector<std::string>{own}) {
+      finding.lost.push_back(Part::kAddress);
+      return Problem(std::move(finding), kOwnAddress);
     }
-    finding.trouble = Trouble::kNotKnown;
+  }
+  const std::vector<Device> records = FindDevice(*patient);
+  if (records.empty()) {
+    finding.trouble = &kNotKnown;
     return CannotTell(std::move(finding),
                       "not known to the daemon, which matters only to pairing");
   }
-  std::string name = Text(device.get(), "Alias");
-  if (name.empty()) name = Text(device.get(), "Name");
-  if (Text(device.get(), "AddressType") == "random") {
-    finding.saw.push_back(
-        "a Low Energy address: there is no channel 1 behind it");
-  }
-  patient->paired = IsSet(device.get(), "Paired");
-  finding.saw.push_back("known as \"" + name + "\", which the prober " +
-                        (IsProbedName(name) ? "asks" : "does not ask"));
-  finding.saw.push_back(patient->paired ? "paired" : "not paired");
-  finding.saw.push_back(IsSet(device.get(), "Connected") ? "connected"
-                                                         : "not connected");
-  const VariantPtr rssi = Property(device.get(), "RSSI", "n");
+  const std::string taken = LastName(patient->adapter);
+  std::vector<std::string> knowing;
+  for (const Device& record : records) knowing.push_back(record.adapter);
+  GVariant* const device = records.front().properties.get();
+  std::string name = Text(device, "Alias");
+  if (name.empty()) name = Text(device, "Name");
+  const bool is_known = knowing.front() == taken;
+  finding.saw.push_back(
+      "known to " + Joined(knowing) + " as " + Quoted(name) +
+      (is_known ? ""
+                : ", and not to " + taken + ", which an application takes"));
+  finding.saw.push_back(IsProbedName(name)
+                            ? "its name is one that the prober asks"
+                            : "its name is not one that the prober asks");
+  const std::vector<std::string> bonded = BondedAdapters(*patient);
+  patient->paired = !bonded.empty();
+  finding.saw.push_back(patient->paired ? "paired with " + Joined(bonded)
+                                        : "not paired");
+  finding.saw.push_back(IsSet(device, "Connected") ? "connected"
+                                                   : "not connected");
+  const VariantPtr rssi = Property(device, "RSSI", "n");
   finding.saw.push_back(
       rssi == nullptr
           ? "no signal strength: not seen by a running discovery"
           : "signal strength " +
                 std::to_string(g_variant_get_int16(rssi.get())) + " dBm");
+  patient->services = Services(device);
+  for (const std::string& service : patient->services)
+    finding.saw.push_back("service " + service);
+  if (IsLowEnergyOnly(device)) {
+    finding.lost.push_back(Part::kAddress);
+    return Problem(std::move(finding), kLowEnergyOnly);
+  }
+  if (is_known) return finding;
+  finding.trouble = &kNotKnown;
+  finding.verdict = Verdict::kCannotTell;
   return finding;
 }
 

@@ -1,10 +1,11 @@
-// lumso_doctor: says what is wrong with Bluetooth on this machine. It goes
-// through everything between an application and its bytes, step by step.
+// lumso_doctor: says what is wrong with Bluetooth on this machine. It looks at
+// everything between an application and its bytes, step by step.
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <clocale>
 #include <csignal>
@@ -16,6 +17,7 @@
 #include "doctor/safe_text.h"
 #include "doctor/screen.h"
 #include "doctor/steps.h"
+#include "doctor/wrap.h"
 
 namespace lumso_doctor {
 
@@ -30,16 +32,19 @@ constexpr std::chrono::milliseconds kGiveUpAfter(41500);
 constexpr std::chrono::milliseconds kLastWords(500);
 
 constexpr char kUsage[] =
-    R"(Usage: lumso_doctor [ADDRESS] [--json] [--help]
+    R"(Usage: lumso_doctor [ADDRESS] [--json] [--verbose] [--help]
 
-Goes through everything between an application and its bytes, from this process
-to the Bluetooth daemon's adapter, and says of each step what it saw: ok, problem
-or cannot tell, and of a problem what to do. It changes nothing
-and ends within 45 s. With ADDRESS it also looks at that device and opens its
-channel 1 once, as "connect" does, and closes it; where nothing is bonded yet
-that may begin a pairing. It registers an agent for a moment, and the kernel may
-load its Bluetooth modules for the socket that it asks for.
+Looks at everything between an application and its bytes, from this process to
+the Bluetooth daemon's adapter, and says of each step what it saw: ok, problem or
+cannot tell, and of a problem what to do. It ends within 45 s and changes
+nothing, but that the kernel may load its Bluetooth modules for the socket that
+it asks for.
 
+With ADDRESS it also looks at that device and opens its channel 1 once, as
+"connect" does, and closes it; where nothing is bonded yet that may begin a
+pairing. If it leaves a bond, the last line says how to remove it.
+
+--verbose prints all that was seen, also where it is fine.
 --json prints one JSON object per step, with the keys "step", "verdict" and
 "saw", and where the cause is known, or likely, "trouble" (a name that stays),
 "means" and "do".
@@ -50,23 +55,29 @@ Exit status: 0 when nothing is wrong, 1 when something is, 2 for wrong arguments
 struct Options {
   bool help = false;
   bool json = false;
+  bool verbose = false;
   bool has_address = false;
   std::string address;
 };
 
+// The step that is looked at, or whose finding is printed.
+std::atomic<const char*> current_step{"its beginning"};
+
 bool ParseOptions(const std::vector<std::string>& arguments, Options* options) {
   for (const std::string& argument : arguments) {
-    if (argument == "--help") {
+    if (argument == "--help" || argument == "-h") {
       options->help = true;
     } else if (argument == "--json") {
       options->json = true;
+    } else if (argument == "--verbose") {
+      options->verbose = true;
     } else if (!argument.empty() && argument.front() != '-' &&
                !options->has_address) {
       options->has_address = true;
       options->address = argument;
     } else {
       std::fprintf(stderr, "lumso_doctor: wrong argument: %s (see --help)\n",
-                   argument.c_str());
+                   Quoted(argument).c_str());
       return false;
     }
   }
@@ -94,47 +105,98 @@ std::string PlainText(std::string text) {
   return text;
 }
 
-Json ToJson(const Finding& finding) {
-  Json json = {{"step", finding.step},
+Json ToJson(const Step& step, const Finding& finding) {
+  Json json = {{"step", step.name},
                {"verdict", LookOf(finding.verdict).word},
                {"saw", finding.saw}};
-  if (finding.trouble) {
-    json["trouble"] = RowOf(*finding.trouble).name;
-    json["means"] = PlainText(RowOf(*finding.trouble).means);
-    json["do"] = PlainText(RowOf(*finding.trouble).remedy);
+  if (finding.trouble != nullptr) {
+    json["trouble"] = finding.trouble->name;
+    json["means"] = PlainText(finding.trouble->means);
+    json["do"] = PlainText(finding.trouble->remedy);
   }
   return json;
 }
 
-std::string ToText(const Finding& finding, const Screen& screen) {
-  const Look& look = LookOf(finding.verdict);
-  std::string text = look.word;
-  text.append(13 - text.size(), ' ');
-  if (screen.terminal && g_get_charset(nullptr))
-    text = std::string(look.mark) + " " + text;
-  if (screen.colours) text = look.colour + text + "\x1b[0m";
-  text += std::string(finding.step) + ": ";
-  for (size_t i = 0; i < finding.saw.size(); ++i) {
-    text += (i == 0 ? "" : "; ") + Printable(finding.saw[i]);
-  }
-  if (finding.trouble) {
-    const TroubleRow& row = RowOf(*finding.trouble);
-    text += "\n    It means: " + PlainText(row.means) +
-            "\n    Do: " + PlainText(row.remedy);
-  }
-  return text;
-}
+// What the doctor says to people; nothing is wider than their terminal.
+class Report {
+ public:
+  Report(const Screen& screen, bool verbose)
+      : screen_(screen), verbose_(verbose) {}
 
-std::string Count(size_t number, const char* noun) {
-  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
+  // Returns lines, as the others do, without the end of the last.
+  std::string OfStep(const Step& step, const Finding& finding) {
+    ++counts_[static_cast<int>(finding.verdict)];
+    const bool all = verbose_ || finding.verdict != Verdict::kOk;
+    const size_t facts = std::min(all ? finding.saw.size() : finding.telling,
+                                  finding.saw.size());
+    std::string text = Heading(finding.verdict);
+    text +=
+        Lines(step.name + (facts > 0 ? ": " + Printable(finding.saw[0]) : ""),
+              kHanging);
+    for (size_t i = 1; i < facts; ++i) text += Below(Printable(finding.saw[i]));
+    if (finding.trouble != nullptr) {
+      text += Below("It means: " + PlainText(finding.trouble->means)) +
+              Below("Do: " + PlainText(finding.trouble->remedy));
+    }
+    return text;
+  }
 
-std::string Summary(size_t problems, size_t doubts) {
-  return (problems == 0 ? "Nothing is wrong that can be seen from here"
-                        : Count(problems, "problem")) +
-         (doubts == 0 ? "" : "; " + Count(doubts, "step") + " could not tell") +
-         ".";
-}
+  std::string OfWait(const std::string& what) const {
+    return kIndent + Lines(what, kIndent);
+  }
+
+  std::string Summary() const {
+    const size_t problems = counts_[static_cast<int>(Verdict::kProblem)];
+    const size_t doubts = counts_[static_cast<int>(Verdict::kCannotTell)];
+    std::string text = problems == 0
+                           ? "Nothing is wrong that can be seen from here"
+                           : Count(problems, "problem");
+    if (doubts > 0) text += "; " + Count(doubts, "step") + " could not tell";
+    return Lines(text + ".", "");
+  }
+
+  std::string OfWhatIsLeft(const std::string& left) const {
+    return Lines(Printable(left) + ".", "");
+  }
+
+ private:
+  inline static const std::string kIndent = std::string(4, ' ');
+  inline static const std::string kHanging = std::string(15, ' ');
+
+  static std::string Count(size_t number, const char* noun) {
+    return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+  }
+
+  std::string Heading(Verdict verdict) const {
+    const Look& look = LookOf(verdict);
+    std::string text = look.word;
+    text.append(13 - text.size(), ' ');
+    if (screen_.terminal && g_get_charset(nullptr))
+      text = std::string(look.mark) + " " + text;
+    return screen_.colours ? look.colour + text + "\x1b[0m" : text;
+  }
+
+  // Breaks `text` into lines as wide as the terminal leaves them beside
+  // `indent`, which goes before all but the first.
+  std::string Lines(const std::string& text, const std::string& indent) const {
+    if (!screen_.terminal) return text;
+    const size_t columns = static_cast<size_t>(screen_.columns);
+    std::string lines;
+    for (const std::string& line :
+         Wrap(text, columns > indent.size() ? columns - indent.size() : 1)) {
+      lines += (lines.empty() ? "" : "\n" + indent) + line;
+    }
+    return lines;
+  }
+
+  std::string Below(const std::string& text) const {
+    return "\n" + kIndent + Lines(text, kIndent);
+  }
+
+  const Screen screen_;
+  const bool verbose_;
+  size_t counts_[3] = {};
+};
 
 // Ends the process, whatever hangs, and says where; also when nobody reads
 // that.
@@ -147,16 +209,6 @@ void GuardTime() {
   _exit(kStatusProblem);
 }
 
-using StepFunction = Finding (*)(Patient* patient);
-
-std::vector<StepFunction> Steps(bool has_address) {
-  std::vector<StepFunction> steps = {
-      ExamineProcess, ExamineKernel,  ExamineRadio, ExamineBus,
-      ExamineDaemon,  ExamineAdapter, ExamineAgent, ExamineGlib};
-  if (has_address) steps.insert(steps.end(), {ExamineDevice, ExamineStream});
-  return steps;
-}
-
 // Opens the null device in place of closed standard streams, before anything
 // else opens a descriptor and becomes one of them.
 void OpenStandardStreams() {
@@ -165,7 +217,7 @@ void OpenStandardStreams() {
   if (fd >= 0) close(fd);
 }
 
-// Tells whether the line could be written.
+// Returns whether the line could be written.
 bool WriteLine(const std::string& line) {
   if (std::printf("%s\n", line.c_str()) >= 0 && std::fflush(stdout) == 0)
     return true;
@@ -177,6 +229,7 @@ bool WriteLine(const std::string& line) {
 int Run(const Options& options) {
   std::thread(GuardTime).detach();
   const Screen screen = options.json ? Screen() : FindScreen();
+  Report report(screen, options.verbose);
   Patient patient;
   patient.address = options.address;
   patient.deadline =
@@ -184,20 +237,29 @@ int Run(const Options& options) {
   patient.announce = [](const std::string& text) {
     std::fprintf(stderr, "lumso_doctor: %s\n", text.c_str());
   };
-  size_t problems = 0;
-  size_t doubts = 0;
-  for (const StepFunction step : Steps(options.has_address)) {
-    const Finding finding = step(&patient);
-    if (finding.verdict == Verdict::kProblem) ++problems;
-    if (finding.verdict == Verdict::kCannotTell) ++doubts;
-    if (!WriteLine(options.json ? JsonLine(ToJson(finding))
-                                : ToText(finding, screen))) {
+  // While a step waits nothing else is printed.
+  if (screen.terminal) {
+    patient.wait = [&report](const std::string& what) {
+      WriteLine(report.OfWait(what));
+    };
+  }
+  bool well = true;
+  for (const Step& step : Steps()) {
+    if (step.needs_address && !options.has_address) continue;
+    current_step = step.name;
+    const Finding finding = Examine(step, &patient);
+    well &= finding.verdict != Verdict::kProblem;
+    if (!WriteLine(options.json ? JsonLine(ToJson(step, finding))
+                                : report.OfStep(step, finding))) {
       return kStatusProblem;
     }
   }
-  if (!options.json && !WriteLine(Summary(problems, doubts)))
+  if (!options.json && (!WriteLine(report.Summary()) ||
+                        (!patient.left.empty() &&
+                         !WriteLine(report.OfWhatIsLeft(patient.left))))) {
     return kStatusProblem;
-  return problems > 0 ? kStatusProblem : 0;
+  }
+  return well ? 0 : kStatusProblem;
 }
 
 }  // namespace
@@ -212,9 +274,9 @@ int main(int argc, char** argv) {
   lumso_doctor::Options options;
   if (!lumso_doctor::ParseOptions({argv + 1, argv + argc}, &options))
     return lumso_doctor::kStatusWrongUsage;
-  if (options.help) {
-    std::printf("%s", lumso_doctor::kUsage);
-    return 0;
-  }
+  if (options.help)
+    return lumso_doctor::WriteLine(lumso_doctor::kUsage)
+               ? 0
+               : lumso_doctor::kStatusProblem;
   return lumso_doctor::Run(options);
 }

@@ -10,19 +10,24 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <utility>
 
+#include "doctor/safe_text.h"
 #include "doctor/steps.h"
 
 namespace lumso_doctor {
 
 namespace {
 
-constexpr char kFirstPidNamespace[] = "pid:[4026531836]";  // Fixed by Linux.
+// Fixed by Linux, that of the network since 6.18.
+constexpr char kFirstPidNamespace[] = "pid:[4026531836]";
+constexpr char kFirstNetworkNamespace[] = "net:[4026531833]";
 constexpr uint8_t kChannel = 1;
-constexpr int kConnectMs = 25000;
 constexpr gint64 kClosingUs = 1000000;
 
 bool Exists(const std::string& path) {
@@ -93,6 +98,15 @@ bool IsRadioBlocked(const std::vector<Switch>& switches) {
   return blocked;
 }
 
+bool HasFixedNetworkNamespace(const Patient& patient) {
+  unsigned major = 0;
+  unsigned minor = 0;
+  const std::string release =
+      FirstLine(patient.root + "/proc/sys/kernel/osrelease");
+  return std::sscanf(release.c_str(), "%u.%u", &major, &minor) == 2 &&
+         (major > 6 || (major == 6 && minor >= 18));
+}
+
 enum class Namespace { kFirst, kOther, kUnknown };
 
 // Bluetooth sockets exist in the first network namespace alone. Process 1 is in
@@ -101,6 +115,9 @@ Namespace NetworkNamespace(const Patient& patient) {
   const int error = patient.socket_error;
   if (error == 0 || error == EPROTONOSUPPORT) return Namespace::kFirst;
   const std::string own = LinkTarget(patient.root + "/proc/self/ns/net");
+  if (own == kFirstNetworkNamespace) return Namespace::kFirst;
+  if (!own.empty() && HasFixedNetworkNamespace(patient))
+    return Namespace::kOther;
   const std::string first = LinkTarget(patient.root + "/proc/1/ns/net");
   if (!own.empty() && !first.empty()) {
     if (own != first) return Namespace::kOther;
@@ -113,6 +130,39 @@ Namespace NetworkNamespace(const Patient& patient) {
              : Namespace::kUnknown;
 }
 
+// Adds why the kernel may not have loaded its Bluetooth module: it is not
+// there, or a line of its configuration keeps it out.
+void LookForModule(const Patient& patient, Finding* finding) {
+  const std::string folder =
+      patient.root + "/lib/modules/" +
+      FirstLine(patient.root + "/proc/sys/kernel/osrelease");
+  bool there = false;
+  bool known = false;
+  for (const char* list : {"/modules.dep", "/modules.builtin"}) {
+    std::ifstream stream(folder + list);
+    known |= stream.good();
+    for (std::string line; std::getline(stream, line);) {
+      there |= line.substr(0, line.find(':')).find("/bluetooth.ko") !=
+               std::string::npos;
+    }
+  }
+  if (known) {
+    finding->saw.push_back(there ? "this kernel's modules include bluetooth"
+                                 : "this kernel's modules lack bluetooth");
+  }
+  for (const char* place :
+       {"/etc/modprobe.d/", "/run/modprobe.d/", "/usr/lib/modprobe.d/"}) {
+    for (const std::string& name : Names(patient.root + place, "")) {
+      std::ifstream stream(patient.root + place + name);
+      for (std::string line; std::getline(stream, line);) {
+        if (line.rfind("blacklist bluetooth", 0) == 0 ||
+            line.rfind("install bluetooth", 0) == 0)
+          finding->saw.push_back(place + name + ": " + line);
+      }
+    }
+  }
+}
+
 bool HasWord(GKeyFile* file, const char* group, const char* key,
              const char* word) {
   g_auto(GStrv) words =
@@ -121,7 +171,7 @@ bool HasWord(GKeyFile* file, const char* group, const char* key,
 }
 
 // Looks at what a Flatpak application was granted.
-Finding ExamineFlatpak(Finding finding, GKeyFile* info, Patient* patient) {
+Finding ExamineFlatpak(Finding finding, GKeyFile* info) {
   bool bus = HasWord(info, "Context", "sockets", "system-bus");
   for (const char* name : {"org.bluez", "org.bluez.*"}) {
     for (const char* grant : {"talk", "own"})
@@ -133,11 +183,10 @@ Finding ExamineFlatpak(Finding finding, GKeyFile* info, Patient* patient) {
                         (bus ? "with" : "without") + " org.bluez, " +
                         (network ? "with" : "without") + " the network, " +
                         (sockets ? "with" : "without") + " Bluetooth sockets");
-  if (!bus) patient->bus_spoilt = finding.step;
-  if (!network || !sockets) patient->sockets_spoilt = finding.step;
-  if (!bus) return Problem(std::move(finding), Trouble::kNoBus);
-  if (!network || !sockets)
-    return Problem(std::move(finding), Trouble::kNoSockets);
+  if (!bus) finding.lost.push_back(Part::kBus);
+  if (!network || !sockets) finding.lost.push_back(Part::kSockets);
+  if (!bus) return Problem(std::move(finding), kBusWithheld);
+  if (!network || !sockets) return Problem(std::move(finding), kNoSockets);
   return finding;
 }
 
@@ -152,7 +201,21 @@ int OpenSocket() {
 struct Connected {
   int error = 0;      // errno; 0 when connected.
   int waited_ms = 0;  // When no answer came in that time.
+  std::string from;   // The address of this end, when it is known.
 };
+
+// A socket that is connected knows the adapter that the kernel chose.
+std::string LocalAddress(int fd) {
+  sockaddr_rc local = {};
+  socklen_t size = sizeof(local);
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) != 0 ||
+      local.rc_family != AF_BLUETOOTH) {
+    return "";
+  }
+  char text[18];
+  ba2str(&local.rc_bdaddr, text);
+  return text;
+}
 
 // Connects without blocking, so that nothing here can outlast the deadline.
 Connected ConnectWithin(int fd, const sockaddr_rc& remote, int limit_ms) {
@@ -160,21 +223,21 @@ Connected ConnectWithin(int fd, const sockaddr_rc& remote, int limit_ms) {
   fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
   if (connect(fd, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote)) ==
       0) {
-    return {};
+    return {0, 0, LocalAddress(fd)};
   }
-  if (errno != EINPROGRESS && errno != EINTR) return {errno};
+  if (errno != EINPROGRESS && errno != EINTR) return {errno, 0, ""};
   for (;;) {
     const gint64 left = (end - g_get_monotonic_time()) / 1000;
-    if (left <= 0) return {ETIMEDOUT, limit_ms};
+    if (left <= 0) return {ETIMEDOUT, limit_ms, ""};
     pollfd wait = {fd, POLLOUT, 0};
     const int ready = poll(&wait, 1, static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) return {errno};
+    if (ready < 0 && errno != EINTR) return {errno, 0, ""};
     if (ready > 0) break;
   }
   int error = 0;
   socklen_t size = sizeof(error);
-  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return {errno};
-  return {error};
+  if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
+  return {error, 0, error == 0 ? LocalAddress(fd) : ""};
 }
 
 // Opens channel 1 of the device and closes it; nothing without a socket. A
@@ -185,11 +248,13 @@ std::optional<Connected> OpenOnce(const Patient& patient) {
   remote.rc_channel = kChannel;
   str2ba(patient.address.c_str(), &remote.rc_bdaddr);
   const gint64 closed_by = g_get_monotonic_time() + kClosingUs;
+  const int limit_ms = TimeFor(patient, patient.patience.connect);
+  const Wait wait(patient, "an answer of " + patient.address, limit_ms);
   for (;;) {
     const int fd = OpenSocket();
     if (fd < 0) return std::nullopt;
     const Connected result =
-        ConnectWithin(fd, remote, TimeLeft(patient, kConnectMs));
+        ConnectWithin(fd, remote, TimeFor(patient, limit_ms));
     close(fd);
     if (result.error != EBUSY || g_get_monotonic_time() > closed_by) {
       return result;
@@ -198,58 +263,88 @@ std::optional<Connected> OpenOnce(const Patient& patient) {
   }
 }
 
-std::optional<Trouble> TroubleOfConnect(int error) {
+const Trouble* TroubleOfConnect(int error) {
   switch (error) {
     case ECONNREFUSED:
-      return Trouble::kRefused;
+      return &kRefused;
     case EHOSTDOWN:
-      return Trouble::kHostDown;
+      return &kHostDown;
     case EHOSTUNREACH:
-      return Trouble::kNoRoute;
+      return &kNoRoute;
     case EBUSY:
-      return Trouble::kBusy;
+      return &kBusy;
     case EACCES:
     case EBADE:
-      return Trouble::kNotAuthenticated;
+      return &kNotAuthenticated;
     case ETIMEDOUT:
-      return Trouble::kNoAnswer;
+      return &kNoAnswer;
+    case ECONNRESET:
+      return &kReset;
+    case ECONNABORTED:
+      return &kAborted;
     default:
-      return std::nullopt;
+      return nullptr;
   }
+}
+
+// Adds what else is known of the device and may be why.
+void Explain(const Patient& patient, const Trouble* trouble, Finding* finding) {
+  const auto say = [finding](const std::string& text) {
+    finding->saw.push_back(text);
+  };
+  if (trouble == &kRefused) {
+    for (const std::string& service : patient.services)
+      say("the daemon knows of its service " + service);
+    if (patient.paired) {
+      say("this machine holds a bond; if the device lost its own, that can "
+          "look "
+          "the same");
+    }
+  } else if (trouble == &kNotAuthenticated && !patient.paired) {
+    say("it is not paired: pair it first");
+  } else if (trouble == &kNoAnswer && !patient.paired) {
+    say("it is not paired: somebody there may have been asked to agree");
+  }
+}
+
+// A bond that was not there is told by the daemon a moment after the kernel's
+// answer.
+void LookForNewBond(Patient* patient, Finding* finding) {
+  if (patient->paired) return;
+  const gint64 end =
+      g_get_monotonic_time() + gint64{patient->patience.bond} * 1000;
+  do {
+    if (!RefreshObjects(patient)) return;
+    for (const std::string& adapter : BondedAdapters(*patient)) {
+      patient->left = "This left a bond with " + patient->address +
+                      " that was not there; " + HowToForget(*patient, adapter) +
+                      " removes it";
+      finding->saw.push_back(patient->left);
+      finding->telling = finding->saw.size();
+      return;
+    }
+    g_usleep(20000);
+  } while (g_get_monotonic_time() < end);
 }
 
 }  // namespace
 
-Finding BeginStep(const char* step) {
-  current_step = step;
-  Finding finding;
-  finding.step = step;
-  return finding;
+bool IsController(const std::string& name) {
+  return name.rfind("hci", 0) == 0 && name.find(':') == std::string::npos;
 }
 
-Finding Problem(Finding finding, Trouble trouble) {
-  finding.verdict = Verdict::kProblem;
-  finding.trouble = trouble;
-  return finding;
+std::vector<std::string> Controllers(const Patient& patient) {
+  std::vector<std::string> names =
+      Names(patient.root + "/sys/class/bluetooth", "hci");
+  const auto end = std::remove_if(
+      names.begin(), names.end(),
+      [](const std::string& name) { return !IsController(name); });
+  names.erase(end, names.end());
+  return names;
 }
 
-Finding Problem(Finding finding, const std::string& reason) {
-  finding.verdict = Verdict::kProblem;
-  finding.saw.push_back(reason);
-  return finding;
-}
-
-Finding CannotTell(Finding finding, const std::string& reason) {
-  finding.verdict = Verdict::kCannotTell;
-  finding.saw.push_back(reason);
-  return finding;
-}
-
-bool IsController(const std::string& name) { return name.rfind("hci", 0) == 0; }
-
-int TimeLeft(const Patient& patient, int most) {
-  const gint64 left = (patient.deadline - g_get_monotonic_time()) / 1000;
-  return static_cast<int>(std::clamp<gint64>(left, 1, most));
+bool IsInFlatpak(const Patient& patient) {
+  return Exists(patient.root + "/.flatpak-info");
 }
 
 // The environment says it of everything that a Snap's program has started, and
@@ -262,9 +357,6 @@ bool IsInSnap(const Patient& patient) {
 }
 
 Finding ExamineProcess(Patient* patient) {
-  Finding finding = BeginStep("this process");
-  finding.saw.push_back("user " + UserName());
-
   for (const char* module : {"bluetooth", "rfcomm"}) {
     if (Exists(patient->root + "/sys/module/" + module))
       patient->modules.push_back(module);
@@ -273,11 +365,13 @@ Finding ExamineProcess(Patient* patient) {
   patient->socket_error = fd < 0 ? errno : 0;
   if (fd >= 0) close(fd);
 
-  g_autoptr(GKeyFile) info = g_key_file_new();
-  const std::string flatpak = patient->root + "/.flatpak-info";
-  if (Exists(flatpak)) {
-    g_key_file_load_from_file(info, flatpak.c_str(), G_KEY_FILE_NONE, nullptr);
-    finding = ExamineFlatpak(std::move(finding), info, patient);
+  Finding finding;
+  finding.saw.push_back("user " + Printable(UserName()));
+  if (IsInFlatpak(*patient)) {
+    g_autoptr(GKeyFile) info = g_key_file_new();
+    g_key_file_load_from_file(info, (patient->root + "/.flatpak-info").c_str(),
+                              G_KEY_FILE_NONE, nullptr);
+    finding = ExamineFlatpak(std::move(finding), info);
     if (finding.verdict == Verdict::kProblem) return finding;
   } else if (IsInSnap(*patient)) {
     finding.saw.push_back("a Snap: its bluez interface must be connected");
@@ -287,14 +381,16 @@ Finding ExamineProcess(Patient* patient) {
 
   switch (NetworkNamespace(*patient)) {
     case Namespace::kFirst:
+      patient->own_namespace = true;
       finding.saw.push_back("the machine's own network namespace");
       return finding;
     case Namespace::kOther:
-      finding.saw.push_back(
-          "a network namespace of its own, or a service's restriction, in "
-          "which the kernel has no Bluetooth sockets");
-      patient->sockets_spoilt = finding.step;
-      return Problem(std::move(finding), Trouble::kNoSockets);
+      finding.lost.push_back(Part::kSockets);
+      finding.saw.insert(finding.saw.begin(),
+                         "a network namespace of its own, or a service's "
+                         "restriction: the kernel has no Bluetooth sockets "
+                         "there");
+      return Problem(std::move(finding), kNoSockets);
     case Namespace::kUnknown:
       break;
   }
@@ -304,7 +400,10 @@ Finding ExamineProcess(Patient* patient) {
 }
 
 Finding ExamineKernel(Patient* patient) {
-  Finding finding = BeginStep("kernel");
+  const int error = patient->socket_error;
+  Finding finding;
+  finding.saw.push_back(std::string("RFCOMM socket: ") +
+                        (error == 0 ? "made" : std::strerror(error)));
   const auto& before = patient->modules;
   for (const char* module : {"bluetooth", "rfcomm"}) {
     const bool loaded = Exists(patient->root + "/sys/module/" + module);
@@ -315,46 +414,35 @@ Finding ExamineKernel(Patient* patient) {
                            : was   ? " loaded"
                                    : " loaded when it was asked for"));
   }
-  for (const std::string& name :
-       Names(patient->root + "/sys/class/bluetooth", "hci")) {
-    if (name.find(':') == std::string::npos)  // Or else a connection.
-      patient->controllers.push_back(name);
-  }
-  if (patient->sockets_spoilt != nullptr) {
-    return CannotTell(std::move(finding),
-                      std::string("its sockets are not to be had here: see ") +
-                          patient->sockets_spoilt);
-  }
-  const int error = patient->socket_error;
-  finding.saw.push_back(std::string("RFCOMM socket: ") +
-                        (error == 0 ? "made" : std::strerror(error)));
-  if (error != 0) patient->sockets_spoilt = finding.step;
+  if (error != 0) finding.lost.push_back(Part::kSockets);
   switch (error) {
     case 0:
       break;
     case EAFNOSUPPORT:
-      return Problem(std::move(finding), Trouble::kNoSockets);
+      LookForModule(*patient, &finding);
+      return Problem(std::move(finding),
+                     patient->own_namespace ? kNoBluetooth : kNoSockets);
     case EPROTONOSUPPORT:
-      return Problem(std::move(finding), Trouble::kNoRfcomm);
+      return Problem(std::move(finding), kNoRfcomm);
     case EPERM:
     case EACCES:
-      return Problem(std::move(finding), Trouble::kSocketsForbidden);
+      return Problem(std::move(finding), kSocketsForbidden);
     default:
       return CannotTell(std::move(finding), "an error of its own kind");
   }
-  for (const std::string& name : patient->controllers) {
+  const std::vector<std::string> controllers = Controllers(*patient);
+  for (const std::string& name : controllers)
     finding.saw.push_back("controller " + name);
-  }
-  if (!patient->controllers.empty()) return finding;
+  if (!controllers.empty()) return finding;
   return CannotTell(std::move(finding),
                     "no controller in /sys/class/bluetooth: see adapter");
 }
 
 Finding ExamineRadio(Patient* patient) {
-  Finding finding = BeginStep("radio switch");
+  Finding finding;
   const std::vector<Switch> switches = Switches(*patient);
   for (const Switch& radio : switches) {
-    finding.saw.push_back(radio.name +
+    finding.saw.push_back(Printable(radio.name) +
                           (radio.soft ? " blocked by software" : "") +
                           (radio.soft && radio.hard ? " and" : "") +
                           (radio.hard ? " blocked by hardware" : "") +
@@ -363,52 +451,52 @@ Finding ExamineRadio(Patient* patient) {
   }
   if (switches.empty()) finding.saw.push_back("none for Bluetooth");
   if (!IsRadioBlocked(switches)) return finding;
-  patient->adapter_spoilt = finding.step;
-  return Problem(std::move(finding), Trouble::kBlocked);
+  finding.lost.push_back(Part::kRadio);
+  return Problem(std::move(finding), kBlocked);
+}
+
+Finding ExamineAddress(Patient* patient) {
+  Finding finding;
+  finding.saw.push_back(Quoted(patient->address));
+  if (bachk(patient->address.c_str()) == 0) return finding;
+  finding.lost.push_back(Part::kAddress);
+  return Problem(std::move(finding), kBadAddress);
 }
 
 Finding ExamineStream(Patient* patient) {
-  Finding finding = BeginStep("stream");
-  for (const char* spoilt :
-       {patient->address_spoilt, patient->sockets_spoilt, patient->bus_spoilt,
-        patient->daemon_spoilt, patient->adapter_spoilt}) {
-    if (spoilt != nullptr)
-      return CannotTell(std::move(finding),
-                        std::string("not tried: see ") + spoilt);
-  }
   if (patient->announce) {
     patient->announce(
         "opening channel 1 of " + patient->address + " once, and closing it" +
         (patient->paired ? ""
                          : "; it is not paired, so that may begin a pairing"));
   }
+  Finding finding;
   const gint64 began = g_get_monotonic_time();
   const auto result = OpenOnce(*patient);
   if (!result) {
     return CannotTell(std::move(finding),
                       std::string("socket: ") + std::strerror(errno));
   }
+  const bool late = result->waited_ms > 0;
   if (result->error == 0) {
     finding.saw.push_back("channel 1 opened after " + Milliseconds(began));
-    return finding;
+    const std::string adapter = AdapterOf(*patient, result->from);
+    if (!adapter.empty()) finding.saw.push_back("by " + adapter);
+  } else {
+    finding.saw.push_back((late ? "no answer" : std::strerror(result->error)) +
+                          (" after " + Milliseconds(began)));
   }
-  const bool late = result->waited_ms > 0;
-  finding.saw.push_back((late ? "no answer" : std::strerror(result->error)) +
-                        (" after " + Milliseconds(began)));
-  if (late && result->waited_ms < kConnectMs)
+  LookForNewBond(patient, &finding);
+  if (result->error == 0) return finding;
+  if (late && result->waited_ms < patient->patience.connect)
     return CannotTell(std::move(finding), "no time was left to wait for it");
-  const auto trouble = TroubleOfConnect(result->error);
-  if (!trouble) return Problem(std::move(finding), "an error of its own kind");
-  if (trouble == Trouble::kRefused && patient->paired) {
-    finding.saw.push_back(
-        "this machine holds a bond; if the device lost its own, that can look "
-        "the same");
-  } else if (trouble == Trouble::kNotAuthenticated && !patient->paired) {
-    finding.saw.push_back("it is not paired: pair it first");
-  } else if (trouble == Trouble::kNoAnswer && !patient->paired) {
-    finding.saw.push_back(
-        "it is not paired: somebody there may have been asked to agree");
-  }
+  const Trouble* trouble = TroubleOfConnect(result->error);
+  if (trouble == nullptr)
+    return Problem(std::move(finding), "an error of its own kind");
+  if (patient->own_address &&
+      (trouble == &kHostDown || trouble == &kNoRoute || trouble == &kNoAnswer))
+    trouble = &kOwnAddress;
+  Explain(*patient, trouble, &finding);
   return Problem(std::move(finding), *trouble);
 }
 

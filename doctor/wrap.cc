@@ -9,16 +9,21 @@ namespace lumso_doctor {
 
 namespace {
 
-// Returns the pieces of `word`, each but the last with its comma.
-std::vector<std::string> SplitAfterCommas(const std::string& word) {
+// Returns the pieces of `word`, each but the last with its comma; what has none
+// is cut where it fills a line.
+std::vector<std::string> Split(const std::string& word, size_t columns) {
   std::vector<std::string> pieces;
-  size_t start = 0;
-  while (start < word.size()) {
-    const size_t comma = word.find(',', start);
-    const size_t end = comma == std::string::npos ? word.size() : comma + 1;
-    pieces.push_back(word.substr(start, end - start));
-    start = end;
+  std::string piece;
+  const char* next = nullptr;
+  for (const char* c = word.c_str(); *c != '\0'; c = next) {
+    next = g_utf8_next_char(c);
+    const std::string character(c, next);
+    if (!piece.empty() && ColumnsOf(piece + character) > columns)
+      pieces.push_back(std::exchange(piece, ""));
+    piece += character;
+    if (*c == ',') pieces.push_back(std::exchange(piece, ""));
   }
+  if (!piece.empty()) pieces.push_back(piece);
   return pieces;
 }
 
@@ -51,7 +56,7 @@ std::vector<std::string> Wrap(std::string_view text, size_t columns) {
       continue;
     }
     std::string blank = " ";
-    for (const std::string& piece : SplitAfterCommas(word)) {
+    for (const std::string& piece : Split(word, columns)) {
       add(std::exchange(blank, ""), piece);
     }
   }

@@ -15,7 +15,7 @@ size_t ColumnsOf(std::string_view text);
 
 // Breaks `text` (UTF-8) at its blanks and line ends into lines of at most
 // `columns` columns. What has no blank to break at breaks after a comma, or
-// sticks out.
+// else where the line is full.
 std::vector<std::string> Wrap(std::string_view text, size_t columns);
 
 }  // namespace lumso_doctor

@@ -32,8 +32,10 @@ TEST(Wrap, LeavesAWordThatFitsWhole) {
   EXPECT_EQ(Wrap("call [1,22]", 8), (Lines{"call", "[1,22]"}));
 }
 
-TEST(Wrap, LetsAWordThatCannotBreakStickOut) {
-  EXPECT_EQ(Wrap("a bluetooth b", 4), (Lines{"a", "bluetooth", "b"}));
+TEST(Wrap, CutsAWordThatCannotBreakElsewhere) {
+  EXPECT_EQ(Wrap("a bluetooth b", 4), (Lines{"a", "blue", "toot", "h b"}));
+  EXPECT_EQ(Wrap("\u65e5\u672c\u8a9e", 5), (Lines{"\u65e5\u672c", "\u8a9e"}));
+  EXPECT_EQ(Wrap("\u65e5", 1), Lines{"\u65e5"});
 }
 
 TEST(Wrap, CountsColumnsNotBytes) {
