@@ -15,9 +15,10 @@ import signal
 import socket
 import subprocess
 import sys
+import threading
 import time
 
-from gi.repository import GLib
+from gi.repository import Gio, GLib
 
 from bluez import ADAPTER, DEVICE
 from programs import Peer, show
@@ -33,6 +34,7 @@ DENIAL = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configurat
 """
 BUS = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
 LIMIT = 45  # seconds, whatever hangs
+ENDS = 20  # points of the way at which the doctor is ended
 
 
 class Doctor(Trouble):
@@ -110,19 +112,74 @@ class Doctor(Trouble):
             findings = self.examine("a device not seen yet", self.device)
             check(findings["device"]["verdict"] == "cannot tell", "it is known")
             check(findings["stream"]["verdict"] == "ok", "no stream")
+            # Which its last line tells how to remove, in words too.
+            left = findings["stream"]["saw"][-1]
+            check(f"then remove {self.device} removes it" in left, f"it says {left!r}")
+            self.forget()
+            run = subprocess.run(
+                [self.options.doctor, self.device], capture_output=True, encoding="utf-8"
+            )
+            last = run.stdout.splitlines()[-1]
+            check(last == left + ".", f"it ends with {last!r}")
         with self.step("The two are bonded"):
             self.forget()
             self.bond()
         findings = self.healthy("A healthy machine and its device", self.device)
-        check("paired" in findings["device"]["saw"], "the device is not paired")
+        own = self.own_adapter.rsplit("/", 1)[1]
+        check(f"paired with {own}" in findings["device"]["saw"], "the device is not paired")
+        several = "are on: a stream is opened by whichever the kernel chooses"
+        check(several in findings["adapter"]["saw"][1], "nothing is said of several adapters")
+        check(f"by {own}" in findings["stream"]["saw"], "it left by another adapter")
         taken = f"an application takes {self.own_adapter.rsplit('/', 1)[1]}, the first"
         check(any(taken in text for text in findings["adapter"]["saw"]), "another adapter")
         self.healthy("The same to a user without rights", user="nobody", group="nogroup")
         self.healthy_in_words()
-        # Its agent, while there is no other, lets devices pair.
-        self.bluez.set_adapter(self.own_adapter, Pairable=False)
-        self.healthy("The same where devices may not pair")
-        self.bluez.set_adapter(self.own_adapter, Pairable=True)
+        self.leaves_all_alone()
+
+    @contextlib.contextmanager
+    def nothing_changes(self):
+        """Compares all that others can see before and after, and meanwhile."""
+
+        def seen():
+            links = subprocess.run(["hcitool", "con"], capture_output=True, check=True)
+            (names,) = self.bluez.call(*BUS, "ListNames")
+            return self.bluez.objects(), sorted(names), links.stdout
+
+        def note(_bus, sender, path, _interface, signal_name, values):
+            # Whoever comes to the bus or leaves it is told by its number.
+            if signal_name != "NameOwnerChanged" or values[0][0] != ":":
+                told.append((sender, path, signal_name, str(values)))
+
+        told = []
+        watch = self.bluez.bus.signal_subscribe(
+            None, None, None, None, None, Gio.DBusSignalFlags.NONE, note
+        )
+        before = seen()
+        yield
+        self.wait_until(lambda: len(seen()[1]) == len(before[1]), 5, "end of the doctor's bus")
+        now = seen()
+        while GLib.MainContext.default().iteration(False):
+            pass
+        self.bluez.bus.signal_unsubscribe(watch)
+        check(now == before, f"{before} became {now}")
+        check(not told, f"others were told {told}")
+
+    def leaves_all_alone(self):
+        with self.step("Nobody notices the doctor, nor its end at any point"):
+            # With an agent the daemon would touch this one.
+            self.bluez.set_adapter(self.own_adapter, Pairable=False)
+            with self.nothing_changes():
+                began = time.monotonic()
+                subprocess.run([self.options.doctor], capture_output=True)
+                whole = time.monotonic() - began
+            self.figure("the doctor by itself", whole, LIMIT)
+            with self.nothing_changes():
+                for part in range(ENDS):
+                    doctor = subprocess.Popen([self.options.doctor], stdout=subprocess.DEVNULL)
+                    time.sleep(whole * part / ENDS)
+                    doctor.send_signal(signal.SIGINT)
+                    doctor.wait(LIMIT)
+            self.bluez.set_adapter(self.own_adapter, Pairable=True)
 
     def entry(self):
         return f"{self.own_adapter}/dev_{self.device.replace(':', '_')}"
@@ -158,7 +215,7 @@ class Doctor(Trouble):
         self.finds("Nobody listens", "stream", "nothing listens", self.device)
         with silent_controller() as absent:
             self.finds("Nobody has the address", "stream", "out of range", absent)
-        self.finds("No address", "device", "six hexadecimal pairs", "01:23")
+        self.finds("No address", "address", "six hexadecimal pairs", "01:23")
 
     def idle(self):
         """Whether no link is left between the two adapters."""
@@ -166,7 +223,12 @@ class Doctor(Trouble):
 
     def adapter_troubles(self):
         self.bluez.set_adapter(self.own_adapter, Powered=False)
-        self.finds("The adapter is off", "adapter", "the adapter is off", self.device)
+        self.finds("The adapter is off", "adapter", "the adapter is off")
+        # The other one is the device itself.
+        with self.step("The device is the only adapter that is on"):
+            findings = self.examine("the only adapter", self.device)
+            check(findings["device"]["trouble"] == "own-address", "it does not say what it is")
+            check(findings["stream"]["saw"] == ["not looked at: see device"], "it was tried")
         self.bluez.set_adapter(self.own_adapter, Powered=True)
         switches = [
             folder / "soft"
@@ -224,8 +286,14 @@ class Doctor(Trouble):
         daemon = int(os.environ["BLUETOOTHD_PID"])
         with self.held(daemon):
             self.finds("The daemon hangs", "daemon", "hangs", self.device)
+        with self.held(daemon):
+            awake = threading.Timer(3, os.kill, (daemon, signal.SIGCONT))
+            awake.start()
+            self.finds("The daemon is slow", "daemon", "slowly")
+            awake.join()
         self.kill_daemon()
-        self.finds("No daemon", "daemon", "no BlueZ daemon", self.device)
+        # The bus may start it, and there is no systemd here to do so.
+        self.finds("No daemon", "daemon", "nothing starts its daemon", self.device)
         # Whoever asks for a socket would have it loaded again.
         pathlib.Path("/etc/modprobe.d/doctor.conf").write_text("install rfcomm /bin/false\n")
         subprocess.run(["rmmod", "rfcomm"], check=True)
