@@ -13,8 +13,8 @@
 namespace lumso_host {
 
 // Takes the two signals on a thread of its own, since the platform thread may
-// be inside the plug-in, in a request that blocks for a minute. No thread has
-// them blocked: GLib's handler runs where the kernel likes, and wakes this one.
+// be inside the plug-in, in a request that blocks for a minute. It blocks them
+// nowhere: GLib's handler runs where the kernel likes, and wakes this thread.
 //
 // The first one while the main loop runs quits it, and says what that waits
 // for. The next one, and any before or after the loop, ends the process at

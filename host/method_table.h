@@ -25,7 +25,7 @@ struct MethodEntry {
   const char* example_arguments;
   // JSON.
   const char* example_result;
-  // How long the method can block; empty for those that ask the daemon at most.
+  // How long the method blocks; empty for those that only ask the daemon.
   const char* longest_wait = "";
 };
 
