@@ -140,7 +140,8 @@ class FakeRfcomm {
   // Puts a device on the air, or gives the one there another behaviour.
   // Without a behaviour its connections wait for NextPeer(). To an address
   // without a device, connecting fails with EHOSTDOWN; to one whose channel is
-  // open or still closing, with EBUSY.
+  // open or still closing, with EBUSY. On a closing one the kernel may also
+  // fail with ECONNRESET or ECONNREFUSED, which a test scripts.
   void AddDevice(const std::string& address, Behaviour behaviour = nullptr);
   // Waits for the next connection to `address`; null at the deadline.
   std::shared_ptr<Peer> NextPeer(const std::string& address);
