@@ -27,6 +27,7 @@ WRITE_SIZE = 120_000  # more than all the buffers on the way hold
 CONNECTED, CONNECTING, CLOSED = "1", "5", "9"  # in the kernel's list of sockets
 
 # Seconds.
+CONNECT_LIMIT = 40  # with a try that the kernel tells of 30 s late (see emulated.py)
 FROZEN_LIMIT = 8  # whoever has not answered by then never will
 DISCONNECT_LIMIT = 0.1
 FLOODED_LIMIT = 2  # for the same, while the device floods the host
@@ -256,7 +257,7 @@ class Streams(Emulated):
     # Connections.
 
     def connect_once(self):
-        connection, _ = self.reopen(20)
+        connection, _ = self.reopen(CONNECT_LIMIT)
         self.echo(connection, SPOKEN)
         self.shut(connection)
 
@@ -329,7 +330,7 @@ class Streams(Emulated):
         at_once = end == AT_ONCE
         ended = end not in OUTLIVED + OWN_ENDS
         self.peer.mode(f"{STATES[state]} close" if at_once else STATES[state])
-        connection, _ = self.reopen(20)
+        connection, _ = self.reopen(CONNECT_LIMIT)
         channel = f"lumso_bluetooth/read/{connection}"
         asked = None
         if not at_once:
