@@ -423,6 +423,18 @@ std::vector<std::string> BondedAdapters(const Patient& patient) {
   return adapters;
 }
 
+bool MayPair(const Patient& patient) {
+  const auto& bonded = patient.bonded;
+  const std::string own = AdapterOf(patient, patient.address);
+  return bonded.empty() ||
+         std::any_of(patient.powered.begin(), patient.powered.end(),
+                     [&](const std::string& adapter) {
+                       return adapter != own &&
+                              std::find(bonded.begin(), bonded.end(),
+                                        adapter) == bonded.end();
+                     });
+}
+
 std::string AdapterOf(const Patient& patient, const std::string& address) {
   std::string name;
   if (address.empty() || patient.objects.value == nullptr) return name;
@@ -681,10 +693,10 @@ Finding ExamineDevice(Patient* patient) {
   finding.saw.push_back(IsProbedName(name)
                             ? "its name is one that the prober asks"
                             : "its name is not one that the prober asks");
-  const std::vector<std::string> bonded = BondedAdapters(*patient);
-  patient->paired = !bonded.empty();
-  finding.saw.push_back(patient->paired ? "paired with " + Joined(bonded)
-                                        : "not paired");
+  patient->bonded = BondedAdapters(*patient);
+  finding.saw.push_back(patient->bonded.empty()
+                            ? "not paired"
+                            : "paired with " + Joined(patient->bonded));
   finding.saw.push_back(IsSet(device, "Connected") ? "connected"
                                                    : "not connected");
   const VariantPtr rssi = Property(device, "RSSI", "n");

@@ -295,14 +295,14 @@ void Explain(const Patient& patient, const Trouble* trouble, Finding* finding) {
   if (trouble == &kRefused) {
     for (const std::string& service : patient.services)
       say("the daemon knows of its service " + service);
-    if (patient.paired) {
+    if (!patient.bonded.empty()) {
       say("this machine holds a bond; if the device lost its own, that can "
           "look "
           "the same");
     }
-  } else if (trouble == &kNotAuthenticated && !patient.paired) {
+  } else if (trouble == &kNotAuthenticated && patient.bonded.empty()) {
     say("it is not paired: pair it first");
-  } else if (trouble == &kNoAnswer && !patient.paired) {
+  } else if (trouble == &kNoAnswer && patient.bonded.empty()) {
     say("it is not paired: somebody there may have been asked to agree");
   }
 }
@@ -310,12 +310,15 @@ void Explain(const Patient& patient, const Trouble* trouble, Finding* finding) {
 // A bond that was not there is told by the daemon a moment after the kernel's
 // answer.
 void LookForNewBond(Patient* patient, Finding* finding) {
-  if (patient->paired) return;
+  if (!MayPair(*patient)) return;
   const gint64 end =
       g_get_monotonic_time() + gint64{patient->patience.bond} * 1000;
   do {
     if (!RefreshObjects(patient)) return;
     for (const std::string& adapter : BondedAdapters(*patient)) {
+      const auto& before = patient->bonded;
+      if (std::find(before.begin(), before.end(), adapter) != before.end())
+        continue;
       patient->left = "This left a bond with " + patient->address +
                       " that was not there; " + HowToForget(*patient, adapter) +
                       " removes it";
@@ -465,10 +468,14 @@ Finding ExamineAddress(Patient* patient) {
 
 Finding ExamineStream(Patient* patient) {
   if (patient->announce) {
-    patient->announce(
-        "opening channel 1 of " + patient->address + " once, and closing it" +
-        (patient->paired ? ""
-                         : "; it is not paired, so that may begin a pairing"));
+    patient->announce("opening channel 1 of " + patient->address +
+                      " once, and closing it" +
+                      (patient->bonded.empty()
+                           ? "; it is not paired, so that may begin a pairing"
+                       : MayPair(*patient)
+                           ? "; by an adapter that it is not paired with that "
+                             "may begin a pairing"
+                           : ""));
   }
   Finding finding;
   const gint64 began = g_get_monotonic_time();

@@ -99,7 +99,7 @@ struct Patient {
   BusAnswer objects;         // Of GetManagedObjects.
   std::string adapter;       // The object path of the one that is taken.
   std::vector<std::string> powered;  // The adapters that are on, by name.
-  bool paired = false;               // The device, with any adapter.
+  std::vector<std::string> bonded;   // Those of the device's bonds.
   bool own_address = false;  // The device is an adapter of this machine.
   std::vector<std::string>
       services;      // Of the device, as the daemon knows them.
@@ -169,8 +169,11 @@ bool IsInSnap(const Patient& patient);
 // Asks the daemon anew for its objects. Returns whether it answered.
 bool RefreshObjects(Patient* patient);
 
-// The adapters that hold a bond with the device, by name.
+// The adapters that hold a bond with the device now, by name.
 std::vector<std::string> BondedAdapters(const Patient& patient);
+
+// Tells whether the kernel may choose an adapter that held none.
+bool MayPair(const Patient& patient);
 
 // The name of the adapter with that address, or empty.
 std::string AdapterOf(const Patient& patient, const std::string& address);
