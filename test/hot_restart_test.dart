@@ -2,6 +2,7 @@ import 'dart:async';
 
 import 'package:flutter/services.dart';
 import 'package:flutter_test/flutter_test.dart';
+import 'package:lumso_bluetooth/channels.dart';
 import 'package:lumso_bluetooth/lumso_bluetooth.dart';
 import 'package:lumso_bluetooth/testing.dart';
 
@@ -73,6 +74,41 @@ void main() {
       BluetoothConnection.closeForgotten(),
       throwsCode(BluetoothException.noPlugin),
     );
+  });
+
+  // Fails without _makeRoom in closeForgotten.
+  test('tells an open that did not wait which id it can get', () async {
+    final FakeBluetoothConnection last = plugin.leaveOpen(thermometer);
+    final Completer<void> connecting = Completer<void>();
+    late final Future<void> refused;
+    plugin.unreachable.add(scale);
+    plugin.onRequest = (MethodCall call) {
+      if (call.method == 'connect') return connecting.future;
+      if ((call.arguments as Map<Object?, Object?>)['id'] == last.id) {
+        refused = expectLater(
+          BluetoothConnection.open(scale),
+          throwsCode(BluetoothException.unreachable),
+        );
+      }
+      return null;
+    };
+    expect(await BluetoothConnection.closeForgotten(), 1);
+
+    // It gets no id, so the next device sends in its place.
+    final FakeBluetoothConnection next = plugin.leaveOpen(thermometer)
+      ..sendText('a')
+      ..sendText('b');
+    connecting.complete();
+    await refused;
+    plugin.onRequest = null;
+    final List<Object?> kept = <Object?>[];
+    final EventChannel channel = BluetoothChannels.read(next.id);
+    final StreamSubscription<Object?> subscription =
+        channel.receiveBroadcastStream().listen(kept.add);
+    await settle();
+    await subscription.cancel();
+    expect(next.id, last.id + 1);
+    expect(kept, <List<int>>['a'.codeUnits, 'b'.codeUnits]);
   });
 
   // Fails without _highestId in closeForgotten.

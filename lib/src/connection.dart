@@ -103,6 +103,7 @@ class BluetoothConnection {
       if (!await _disconnect(id)) continue;
       closed++;
       _highestId = max(_highestId, id);
+      _makeRoom();
     }
     return closed;
   }
