@@ -207,4 +207,12 @@ void main() {
     expect(await lines, <String>['21 °C']);
     expect(await connection.close(), isTrue);
   });
+
+  // Fails when onCancel of one of them gives a future.
+  testWidgets('lets a widget test wait for an element',
+      (WidgetTester tester) async {
+    expect(await adapter.states.first, BluetoothAdapterState.on);
+    expect(await discovery.watchDevices().first, hasLength(1));
+    expect(await prober.readings.first, isEmpty);
+  });
 }

@@ -35,7 +35,8 @@ class BluetoothAdapter {
       },
       onError: listener.addError,
     );
-    listener.onCancel = changes.cancel;
+    // Gives no future: `first` would wait for it, in a widget test for ever.
+    listener.onCancel = () => unawaited(changes.cancel());
     try {
       final BluetoothAdapterState present =
           await const BluetoothAdapter().getState();

@@ -46,7 +46,8 @@ class BluetoothDiscovery {
       },
       onError: listener.addError,
     );
-    listener.onCancel = reports.cancel;
+    // Gives no future: `first` would wait for it, in a widget test for ever.
+    listener.onCancel = () => unawaited(reports.cancel());
     try {
       final List<BluetoothDevice> listed =
           await const BluetoothDiscovery().knownDevices();

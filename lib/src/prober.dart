@@ -18,11 +18,11 @@ class BluetoothProber {
   static final Stream<Map<String, int>> _readings =
       Stream<Map<String, int>>.multi(
     (MultiStreamController<Map<String, int>> listener) {
-      listener
-        ..add(_latest)
-        ..onCancel = _changes.stream
-            .listen(listener.add, onError: listener.addError)
-            .cancel;
+      listener.add(_latest);
+      final StreamSubscription<Map<String, int>> changes =
+          _changes.stream.listen(listener.add, onError: listener.addError);
+      // Gives no future: `first` would wait for it, in a widget test for ever.
+      listener.onCancel = () => unawaited(changes.cancel());
     },
     isBroadcast: true,
   );
