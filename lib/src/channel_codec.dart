@@ -30,7 +30,8 @@ abstract final class BluetoothChannelCodec {
       state == BluetoothBondState.bonded ? _yes : _no;
 
   /// Reads a device map, where an empty name and a signal strength of zero mean
-  /// unknown. Throws [TypeError] for any other map.
+  /// unknown. Throws [TypeError] when address, name or signal strength is
+  /// missing.
   static BluetoothDevice decodeDevice(Map<Object?, Object?> map) {
     final String name = map['name'] as String;
     final int rssi = map['rssi'] as int;
