@@ -10,6 +10,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,7 +30,10 @@ using lumso_host::ValuePtr;
 constexpr size_t kChunks = 4000;
 constexpr size_t kReadSize = 2048;
 constexpr int kRounds = 25;
-constexpr size_t kLatencySamples = 400;
+// Subjects take turns; what comes first in a turn meets a thread that starts.
+constexpr int kLatencyTurns = 8;
+constexpr size_t kLatencyChunks = 60;
+constexpr size_t kLatencyWarmUp = 10;
 constexpr size_t kSlice = 4096;
 // As long as the plug-in's, since the messenger copies names.
 constexpr char kHandlerChannel[] = "bench_bluetooth/methods";
@@ -175,7 +179,7 @@ void CheckEvents(const Subject& subject, Stream* stream, size_t bytes) {
 // The device sends the time in each chunk, and then waits.
 void SendTimes(int device, size_t bytes) {
   std::vector<uint8_t> chunk(bytes);
-  for (size_t i = 0; i < kLatencySamples; ++i) {
+  for (size_t i = 0; i < kLatencyChunks; ++i) {
     timespec pause = {0, 400000};
     nanosleep(&pause, nullptr);
     const int64_t now = Now();
@@ -188,6 +192,7 @@ void SendTimes(int device, size_t bytes) {
 // in an event, after the envelope's and the type's.
 class Ages {
  public:
+  void BeginTurn() { warm_up_ = kLatencyWarmUp; }
   void Take(GBytes* event) {
     constexpr size_t kDataOffset = 3;
     gsize size = 0;
@@ -196,7 +201,12 @@ class Ages {
     if (size < kDataOffset + sizeof(int64_t)) return;
     int64_t sent = 0;
     std::memcpy(&sent, data + kDataOffset, sizeof(sent));
-    ages_.push_back(static_cast<double>(Now() - sent));
+    const int64_t age = Now() - sent;
+    if (warm_up_ > 0) {
+      --warm_up_;
+    } else {
+      ages_.push_back(static_cast<double>(age));
+    }
   }
   void ReportFor(const std::string& subject) const {
     Report(subject, "wall", Percentile(ages_, 0.5));
@@ -205,18 +215,31 @@ class Ages {
 
  private:
   std::vector<double> ages_;
+  size_t warm_up_ = 0;
 };
 
-// Reports how old the device's times are in the events that they become.
-void MeasureAges(const std::string& subject, Application* application,
-                 const DevicePair& pair, size_t bytes) {
-  Ages ages;
-  application->on_event = [&ages](GBytes* event) { ages.Take(event); };
+// Takes the device's times from the events that they become.
+void TakeEvents(Application* application, const DevicePair& pair, size_t bytes,
+                Ages* ages) {
+  application->on_event = [ages](GBytes* event) { ages->Take(event); };
   std::thread device(SendTimes, pair.device(), bytes);
-  application->AwaitEvents(kLatencySamples);
+  application->AwaitEvents(kLatencyChunks);
   device.join();
   application->on_event = nullptr;
-  ages.ReportFor(subject);
+}
+
+// Takes them without a main loop: a read, and the event's bytes.
+void TakeReads(const DevicePair& pair, size_t bytes, Ages* ages) {
+  g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
+  std::thread device(SendTimes, pair.device(), bytes);
+  uint8_t buffer[kReadSize];
+  for (size_t i = 0; i < kLatencyChunks; ++i) {
+    const ssize_t count = read(pair.local(), buffer, sizeof(buffer));
+    ages->Take(EncodeChunk(FL_METHOD_CODEC(codec), buffer,
+                           static_cast<size_t>(std::max<ssize_t>(count, 0)))
+                   .get());
+  }
+  device.join();
 }
 
 void WriteAll(int fd, const std::vector<uint8_t>& data, size_t slice) {
@@ -293,39 +316,45 @@ void MeasureReceive(const Names& names, size_t bytes) {
 
 void MeasureLatency(const Names& names, size_t bytes) {
   Application application;
-  if (names.count("ours") != 0) {
-    application.Register();
-    DevicePair pair;
-    pair.HandOver();
+  if (names.count("ours") != 0) application.Register();
+  const auto ours = [&](DevicePair* pair, Ages* ages) {
+    pair->HandOver();
     const int id = application.Connect();
-    MeasureAges("ours", &application, pair, bytes);
+    TakeEvents(&application, *pair, bytes, ages);
     application.Disconnect(id);
-  }
-  if (names.count("plain") != 0) {
-    const DevicePair pair;
-    const PlainReceive reader(application.messenger(), pair.local());
-    MeasureAges("plain", &application, pair, bytes);
-  }
-  if (names.count("GSource") != 0) {
-    const DevicePair pair;
-    const SourceReader reader(&application, pair.local());
-    MeasureAges("GSource", &application, pair, bytes);
-  }
-  if (names.count("floor") != 0) {
+  };
+  const auto plain = [&](DevicePair* pair, Ages* ages) {
+    const PlainReceive reader(application.messenger(), pair->local());
+    TakeEvents(&application, *pair, bytes, ages);
+  };
+  const auto source = [&](DevicePair* pair, Ages* ages) {
+    const SourceReader reader(&application, pair->local());
+    TakeEvents(&application, *pair, bytes, ages);
+  };
+  const auto floor = [&](DevicePair* pair, Ages* ages) {
+    TakeReads(*pair, bytes, ages);
+  };
+  struct Timed {
+    std::string name;
+    std::function<void(DevicePair*, Ages*)> take_turn;
     Ages ages;
-    g_autoptr(FlStandardMethodCodec) codec = fl_standard_method_codec_new();
-    const DevicePair pair;
-    std::thread device(SendTimes, pair.device(), bytes);
-    uint8_t buffer[kReadSize];
-    for (size_t i = 0; i < kLatencySamples; ++i) {
-      const ssize_t count = read(pair.local(), buffer, sizeof(buffer));
-      ages.Take(EncodeChunk(FL_METHOD_CODEC(codec), buffer,
-                            static_cast<size_t>(std::max<ssize_t>(count, 0)))
-                    .get());
-    }
-    device.join();
-    ages.ReportFor("floor");
+  };
+  std::vector<Timed> subjects;
+  for (const Timed& subject :
+       {Timed{"ours", ours, {}}, Timed{"plain", plain, {}},
+        Timed{"GSource", source, {}}, Timed{"floor", floor, {}}}) {
+    if (names.count(subject.name) != 0) subjects.push_back(subject);
   }
+  std::minstd_rand shuffler;
+  for (int turn = 0; turn < kLatencyTurns; ++turn) {
+    std::shuffle(subjects.begin(), subjects.end(), shuffler);
+    for (Timed& subject : subjects) {
+      subject.ages.BeginTurn();
+      DevicePair pair;
+      subject.take_turn(&pair, &subject.ages);
+    }
+  }
+  for (const Timed& subject : subjects) subject.ages.ReportFor(subject.name);
 }
 
 // Beside the floor: "slices" makes the plug-in's calls, of a size that the
