@@ -8,11 +8,13 @@ run).
 
 import argparse
 import contextlib
+import ctypes
 import json
 import os
 import pathlib
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import threading
@@ -22,7 +24,7 @@ from gi.repository import Gio, GLib
 
 from bluez import ADAPTER, DEVICE
 from programs import Peer, show
-from story import PEER_NAME, SECRET, check, play
+from story import SECRET, check, play
 from emulated import silent_controller, slow_controllers
 from trouble import Trouble
 
@@ -33,6 +35,10 @@ DENIAL = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configurat
 <busconfig><policy context="mandatory"><deny send_destination="org.bluez"/></policy></busconfig>
 """
 BUS = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+# A terminal would clear itself and turn what follows; the rest looks like a fact.
+HOSTILE = 'VELKAN-\u009b2J\u202e"; paired'
+HOSTILE_SHOWN = r'"VELKAN-\u009b2J\u202e\"; paired"'
+HCI_CHANNEL_USER = 1  # of Linux: the controller is one program's alone
 LIMIT = 45  # seconds, whatever hangs
 ENDS = 20  # points of the way at which the doctor is ended
 
@@ -104,7 +110,7 @@ class Doctor(Trouble):
             adapters = self.bluez.ready_adapters(2)
             (self.own_adapter, own), (self.peer_adapter, other) = adapters.items()
             self.own_address, self.device = own["Address"], other["Address"]
-            self.bluez.set_adapter(self.peer_adapter, Alias=PEER_NAME)
+            self.bluez.set_adapter(self.peer_adapter, Alias=HOSTILE)
             self.listen()
 
     def well(self):
@@ -132,9 +138,30 @@ class Doctor(Trouble):
         check(f"by {own}" in findings["stream"]["saw"], "it left by another adapter")
         taken = f"an application takes {self.own_adapter.rsplit('/', 1)[1]}, the first"
         check(any(taken in text for text in findings["adapter"]["saw"]), "another adapter")
+        name = f"known to {own} as {HOSTILE_SHOWN}"
+        check(name in findings["device"]["saw"], f"it says {findings['device']['saw']}")
+        self.names_are_safe()
         self.healthy("The same to a user without rights", user="nobody", group="nogroup")
         self.healthy_in_words()
         self.leaves_all_alone()
+
+    def names_are_safe(self):
+        with self.step("A device's name commands no terminal"):
+            known = subprocess.run(
+                [self.options.host], input="call getDiscoveredDevices\n",
+                capture_output=True, encoding="utf-8",
+            ).stdout
+            said = subprocess.run(
+                [self.options.doctor, self.device, "--verbose"],
+                capture_output=True, encoding="utf-8",
+            ).stdout
+            for text in (known, said):
+                check(r"\u009b2J\u202e" in text, f"no name in {text!r}")
+                check("\u009b" not in text and "\u202e" not in text, f"raw in {text!r}")
+            (answer,) = map(json.loads, known.splitlines())
+            names = [item["name"] for item in answer["result"]]
+            check(HOSTILE in names, f"the names are {names}")
+            self.wait_until(self.idle, 10, "end of the link")
 
     @contextlib.contextmanager
     def nothing_changes(self):
@@ -243,6 +270,25 @@ class Doctor(Trouble):
             switch.write_text("0")
         # The daemon is busy while it switches the adapters on by itself.
         self.wait_until(self.switched_on, 10, "adapters that are on")
+        with self.controllers_held():
+            self.finds("Another program holds the controllers", "adapter", "does not get")
+        self.wait_until(self.switched_on, 10, "adapters that are on")
+
+    @contextlib.contextmanager
+    def controllers_held(self):
+        libc = ctypes.CDLL(None, use_errno=True)
+        for path in (self.own_adapter, self.peer_adapter):
+            self.bluez.set_adapter(path, Powered=False)
+        with contextlib.ExitStack() as holders:
+            for number in range(2):
+                holder = holders.enter_context(
+                    socket.socket(socket.AF_BLUETOOTH, socket.SOCK_RAW, socket.BTPROTO_HCI)
+                )
+                name = struct.pack("HHH", socket.AF_BLUETOOTH, number, HCI_CHANNEL_USER)
+                bound = libc.bind(holder.fileno(), name, len(name))
+                check(bound == 0, f"no user channel: {os.strerror(ctypes.get_errno())}")
+            self.wait_until(lambda: not self.bluez.adapters(), 10, "daemon without adapters")
+            yield
 
     def switched_on(self):
         try:
@@ -319,6 +365,7 @@ class Doctor(Trouble):
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", 1)[0])
     parser.add_argument("--doctor", required=True, help="the program lumso_doctor")
+    parser.add_argument("--host", required=True, help="the program lumso_host")
     return parser.parse_args()
 
 
