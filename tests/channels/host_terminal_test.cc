@@ -643,7 +643,8 @@ TEST_F(HostEditing, ListsTheAddressesThatItHasSeen) {
   WaitForRows({R"({"call":"echo","result":{"address":"11:22:33:44:55:77"}})",
                "lumso>"});
   Type(std::string("call connect { ") + kTab + kTab);
-  WaitForRows({R"({"address":"1F:22:33:44:55:66"})",
+  WaitForRows({R"({"call":"echo","result":{"address":"11:22:33:44:55:77"}})",
+               R"({"address":"1F:22:33:44:55:66"})",
                R"({"address":"11:22:33:44:55:77"})",
                R"(lumso> call connect { "address":"1)"});
   Type(std::string("F") + kTab);
