@@ -546,15 +546,6 @@ TEST_F(HostTerminal, EndsOnAnInterruptWhileACommandRuns) {
   EXPECT_NE(raw().find("test plug-in: dropped"), std::string::npos);
 }
 
-TEST_F(HostTerminal, SaysOnAnInterruptWhatARequestWaitsFor) {
-  Start();
-  InterruptConnect();
-  WaitForRows({"lumso_host: waits for call connect (about 30 s at most), the",
-               "n ends; another signal ends it at once"});
-  Type(kInterrupt);
-  ExpectStatusAndTerminalBack(130);
-}
-
 TEST_F(HostPrompt, SaysOnAnInterruptWhatARequestWaitsFor) {
   Start(WithOptions(""), {{"TERM", "dumb"}});
   InterruptConnect();
@@ -576,7 +567,7 @@ TEST_F(HostTerminal, EndsAtOnceOnAnInterruptWhileThePluginEnds) {
   Start();
   WaitForRow("lumso>");
   Type("call blockEnd\n");
-  WaitForRow("lumso>");
+  WaitForRows({R"({"call":"blockEnd","result":null})", "lumso>"});
   Type("quit\n");
   WaitForRow("test plug-in: blocked");
   Type(kInterrupt);
@@ -789,6 +780,15 @@ TEST_F(HostEditing, EmptiesTheLineOnAnInterruptAndEndsOnTheNext) {
   Type(kInterrupt);
   EXPECT_EQ(WaitForEnd(), 0);
   EXPECT_EQ(rows().back(), "test plug-in: dropped");
+}
+
+TEST_F(HostEditing, SaysOnAnInterruptWhatARequestWaitsFor) {
+  Start();
+  InterruptConnect();
+  WaitForRows({"lumso_host: waits for call connect (about 30 s at most), the",
+               "n ends; another signal ends it at once"});
+  Type(kInterrupt);
+  ExpectStatusAndTerminalBack(130);
 }
 
 TEST_F(HostEditing, GivesTheTerminalBackAsItWas) {
