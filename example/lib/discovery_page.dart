@@ -26,6 +26,7 @@ class _DiscoveryPageState extends State<DiscoveryPage> {
   bool _isOn = false;
   bool _isDiscovering = false;
   bool _isBusy = false;
+  int _visits = 0;
 
   @override
   void initState() {
@@ -93,12 +94,15 @@ class _DiscoveryPageState extends State<DiscoveryPage> {
     if (mounted) setState(() => _isBusy = false);
   }
 
-  Future<void> _open(BluetoothDevice device) {
-    return Navigator.of(context).push(
+  /// Shows the device's page, and then the list anew: a device whose bond was
+  /// removed there is gone, which is not reported.
+  Future<void> _open(BluetoothDevice device) async {
+    await Navigator.of(context).push(
       MaterialPageRoute<void>(
         builder: (BuildContext context) => DevicePage(device),
       ),
     );
+    if (mounted) setState(() => _visits++);
   }
 
   @override
@@ -120,7 +124,9 @@ class _DiscoveryPageState extends State<DiscoveryPage> {
         children: <Widget>[
           if (_isDiscovering) const LinearProgressIndicator(),
           if (problem != null) ListTile(title: Text(problem)),
-          Expanded(child: DeviceList(onTap: _open)),
+          Expanded(
+            child: DeviceList(key: ValueKey<int>(_visits), onTap: _open),
+          ),
         ],
       ),
     );

@@ -15,7 +15,7 @@ const String askDoctor = 'lumso_doctor $address tells more.';
 /// Lets requests be answered, and pages come and go. A progress bar never comes
 /// to rest.
 Future<void> settle(WidgetTester tester) async {
-  for (int frame = 0; frame < 10; frame++) {
+  for (int frame = 0; frame < 20; frame++) {
     await tester.pump(const Duration(milliseconds: 100));
   }
 }
@@ -175,6 +175,31 @@ void main() {
       );
       expect(isEnabled(tester, 'Discover'), isTrue);
     });
+
+    testWidgets('can be left while it asks', (WidgetTester tester) async {
+      late final Completer<void> gate;
+      final FakeBluetoothPlugin plugin = await start(
+        tester,
+        prepare: (FakeBluetoothPlugin plugin) =>
+            gate = hold(plugin, 'isAvailable'),
+      );
+      await tester.pumpWidget(const SizedBox());
+      gate.complete();
+      await settle(tester);
+      expect(plugin.callsOf('getName'), hasLength(1));
+    });
+
+    testWidgets('can be left while discovery starts',
+        (WidgetTester tester) async {
+      final FakeBluetoothPlugin plugin = await start(tester);
+      final Completer<void> gate = hold(plugin, 'startDiscovery');
+      await tap(tester, 'Discover');
+      expect(isEnabled(tester, 'Discover'), isFalse);
+      await tester.pumpWidget(const SizedBox());
+      gate.complete();
+      await settle(tester);
+      expect(plugin.isDiscovering, isTrue);
+    });
   });
 
   group("a device's page", () {
@@ -220,6 +245,10 @@ void main() {
       await tap(tester, 'Remove bond');
       expect(find.text('Removing the bond: done'), findsOneWidget);
       expect(find.text('Bonded: no'), findsOneWidget);
+
+      // The daemon has forgotten the device, which nobody reports.
+      await goBack(tester);
+      expect(find.text('Scale'), findsNothing);
     });
 
     testWidgets('says what was refused', (WidgetTester tester) async {
@@ -257,6 +286,18 @@ void main() {
       await submit(tester, '');
       expect(plugin.secret, isEmpty);
       expect(find.text('No device is asked any more.'), findsOneWidget);
+    });
+
+    testWidgets('can be left while it takes a secret',
+        (WidgetTester tester) async {
+      final FakeBluetoothPlugin plugin = await start(tester);
+      await tap(tester, 'Scale');
+      final Completer<void> gate = hold(plugin, 'setAuthSecret');
+      await submit(tester, '0123456789');
+      await goBack(tester);
+      gate.complete();
+      await settle(tester);
+      expect(plugin.secret, '0123456789');
     });
 
     testWidgets('can be left while it bonds', (WidgetTester tester) async {
@@ -322,6 +363,10 @@ void main() {
       await settle(tester);
       expect(find.text('line 99'), findsOneWidget);
       expect(find.text('line 0'), findsNothing);
+      expect(
+        tester.getCenter(find.text('line 99')).dy,
+        greaterThan(tester.getCenter(find.text('line 98')).dy),
+      );
     });
 
     testWidgets('closes when the device does', (WidgetTester tester) async {

@@ -145,7 +145,6 @@ class FakeBluetoothPlugin {
     _state = state;
     if (state == BluetoothAdapterState.off) {
       _isDiscovering = false;
-      _startedDiscovery = false;
       for (final FakeBluetoothConnection connection in connections) {
         connection.end();
       }
@@ -185,12 +184,17 @@ class FakeBluetoothPlugin {
     final FakeBluetoothConnection connection =
         FakeBluetoothConnection._(this, ++_lastId, address);
     connections.add(connection);
-    _answerListeners(connection._channel);
+    _answerListeners(connection._channel, isThere: () => connection.isOpen);
     return connection;
   }
 
-  void _answerListeners(EventChannel channel, {void Function()? onListen}) {
+  void _answerListeners(
+    EventChannel channel, {
+    bool Function()? isThere,
+    void Function()? onListen,
+  }) {
     _answer(channel.name, channel.codec, (MethodCall call) {
+      if (isThere?.call() == false) throw MissingPluginException();
       switch (call.method) {
         case 'listen':
           _listenedTo.add(channel.name);
@@ -309,7 +313,10 @@ class FakeBluetoothPlugin {
 
   bool _cancelDiscovery() {
     if (!isAvailable) return false;
-    if (_startedDiscovery) isDiscovering = _startedDiscovery = false;
+    if (!_startedDiscovery) return true;
+    // The daemon refuses to stop what has ended by itself.
+    if (!isDiscovering) return false;
+    isDiscovering = _startedDiscovery = false;
     return true;
   }
 
