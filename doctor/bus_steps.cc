@@ -680,8 +680,9 @@ Finding ExamineDevice(Patient* patient) {
                       "not known to the daemon, which matters only to pairing");
   }
   const std::string taken = LastName(patient->adapter);
-  std::vector<std::string> knowing;
-  for (const Device& record : records) knowing.push_back(record.adapter);
+  std::vector<std::string> knowing(records.size());
+  std::transform(records.begin(), records.end(), knowing.begin(),
+                 [](const Device& record) { return record.adapter; });
   GVariant* const device = records.front().properties.get();
   std::string name = Text(device, "Alias");
   if (name.empty()) name = Text(device, "Name");

@@ -184,7 +184,8 @@ class Report {
     std::string lines;
     for (const std::string& line :
          Wrap(text, columns > indent.size() ? columns - indent.size() : 1)) {
-      lines += (lines.empty() ? "" : "\n" + indent) + line;
+      if (!lines.empty()) lines.append("\n").append(indent);
+      lines += line;
     }
     return lines;
   }

@@ -153,11 +153,12 @@ void LookForModule(const Patient& patient, Finding* finding) {
   for (const char* place :
        {"/etc/modprobe.d/", "/run/modprobe.d/", "/usr/lib/modprobe.d/"}) {
     for (const std::string& name : Names(patient.root + place, "")) {
+      const std::string where = place + name + ": ";
       std::ifstream stream(patient.root + place + name);
       for (std::string line; std::getline(stream, line);) {
         if (line.rfind("blacklist bluetooth", 0) == 0 ||
             line.rfind("install bluetooth", 0) == 0)
-          finding->saw.push_back(place + name + ": " + line);
+          finding->saw.push_back(line.insert(0, where));
       }
     }
   }
