@@ -354,6 +354,14 @@ void main() {
       expect(find.text('not connected'), findsOneWidget);
     });
 
+    // A desktop's field loses the focus to whatever else is tapped.
+    testWidgets('gives its field the focus', (WidgetTester tester) async {
+      await startTerminal(tester);
+      await tap(tester, 'Connect');
+      final TextField field = tester.widget(find.byType(TextField));
+      expect(field.focusNode?.hasFocus, isTrue);
+    }, variant: TargetPlatformVariant.only(TargetPlatform.linux));
+
     testWidgets('stands at its end', (WidgetTester tester) async {
       final FakeBluetoothPlugin plugin = await startTerminal(tester);
       await tap(tester, 'Connect');
