@@ -668,10 +668,11 @@ ProbeOutcome ParseReading(const std::string& reply) {
 // Asks the device at `address` for its signal strength, on a connection of its
 // own. Prober thread.
 //
-// Its waits for the device's lines add up to about seventeen seconds at most. A
-// secret larger than the socket's buffer adds what WriteAll() waits: a device
-// that takes nothing fails the probe after 30 s, or 60 s after a short count;
-// one that takes a frame now and then holds it without a bound.
+// Connecting, the waits for the device's lines and the drain add up to about
+// seventeen seconds at most. A secret larger than the socket's buffer adds what
+// WriteAll() waits: a device that takes nothing fails the probe after 30 s, or
+// after 60 s where a short count comes first; one that takes a frame now and
+// then holds it without a bound.
 ProbeOutcome ProbeDeviceRssi(const std::string& address,
                              const std::string& secret) {
   sockaddr_rc remote;

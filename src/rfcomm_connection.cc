@@ -26,7 +26,8 @@ constexpr size_t kReadBufferSize = 2048;
 constexpr size_t kMaxWriteSize = 4096;
 
 // A thread's own faults. The kernel ends the process when the thread at fault
-// has them blocked, and the host's crash handler never runs.
+// has them blocked, and the host's crash handler never runs; of SIGABRT, the
+// abort() of glibc from 2.41 on does the same.
 constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL,
                                  SIGTRAP, SIGSYS, SIGABRT};
 

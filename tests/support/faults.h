@@ -50,7 +50,7 @@ inline constexpr Fault kFaults[] = {
     {"SIGTRAP", SIGTRAP, [] { raise(SIGTRAP); }},
 #endif
     {"SIGSYS", SIGSYS, [] { raise(SIGSYS); }},
-    // Not abort(), which opens its signal by itself.
+    // Not abort(), which opens its signal by itself in glibc before 2.41.
     {"SIGABRT", SIGABRT, [] { raise(SIGABRT); }},
 };
 
