@@ -86,8 +86,8 @@ class FakeBluetoothPlugin {
   /// What the prober was given last; null before.
   String? secret;
 
-  /// What the daemon knows, by address. A change here is told to nobody;
-  /// [report] tells.
+  /// What the daemon knows, by address; nothing else can be connected to. A
+  /// change here is told to nobody; [report] tells.
   final Map<String, BluetoothDevice> devices = <String, BluetoothDevice>{};
 
   /// Addresses of [devices] that refuse connections.
