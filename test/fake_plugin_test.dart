@@ -68,6 +68,7 @@ void main() {
     expect(await adapter.isEnabled(), isFalse);
     expect(await discovery.isDiscovering(), isFalse);
     expect(await discovery.start(), isFalse);
+    expect(await discovery.cancel(), isFalse);
     expect(await connection.received.isEmpty, isTrue);
     await connection.close();
   });
@@ -152,6 +153,19 @@ void main() {
     final BluetoothConnection second = await BluetoothConnection.open(scale);
     expect(second.id, greaterThan(first.id));
     await second.close();
+  });
+
+  // Fails without isThere in _makeConnection.
+  test('forgets the channel of a closed connection', () async {
+    final BluetoothConnection connection =
+        await BluetoothConnection.open(scale);
+    final MethodChannel channel =
+        MethodChannel(BluetoothChannels.read(connection.id).name);
+    await connection.close();
+    await expectLater(
+      channel.invokeMethod<void>('cancel'),
+      throwsA(isA<MissingPluginException>()),
+    );
   });
 
   test('refuses devices that are not there', () async {

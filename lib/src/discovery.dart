@@ -98,7 +98,7 @@ class BluetoothDiscovery {
 
   /// Stops a discovery that this application started, and leaves any other
   /// alone; true in both cases. False without an adapter, and when the daemon
-  /// refuses.
+  /// refuses, as for one that has ended by itself.
   Future<bool> cancel() => BluetoothChannels.request('cancelDiscovery');
 
   /// Every device that the daemon knew when it was asked, found just then or
