@@ -240,7 +240,7 @@ Completion Complete(std::string_view text,
   std::vector<std::string> words;
   std::istringstream stream{std::string(text)};
   for (std::string word; stream >> word;) words.push_back(word);
-  const bool ended = text.empty() || text.back() == ' ' || text.back() == '\t';
+  const bool ended = words.empty() || text.back() == ' ' || text.back() == '\t';
   std::string begun;
   if (!ended) {
     begun = words.back();

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "doctor/safe_text.h"
+
 namespace lumso_host {
 
 Interrupts::Interrupts(GMainLoop* loop)
@@ -77,7 +79,7 @@ void Interrupts::Take(int number) {
     std::fprintf(stderr,
                  "lumso_host: waits for %s, then ends; another signal ends it "
                  "at once\n",
-                 wait.c_str());
+                 lumso_doctor::Printable(wait).c_str());
   }
 }
 

@@ -596,6 +596,17 @@ TEST_F(HostEditing, CompletesACommandAMethodAndItsArguments) {
   WaitForRows({R"({"call":"disconnect","notImplemented":true})", "lumso>"});
 }
 
+// A vertical tab: a blank that ends no word.
+TEST_F(HostEditing, CompletesNothingBehindAnOddBlank) {
+  Start();
+  WaitForRow("lumso>");
+  Type(std::string("\x16\x0b") + kTab);
+  Type(kInterrupt);
+  WaitForRow("lumso>");
+  Type("exit\n");
+  ExpectStatusAndTerminalBack(0);
+}
+
 TEST_F(HostEditing, CompletesTheChannelsThatHaveAHandler) {
   Start();
   WaitForRow("lumso>");
