@@ -71,6 +71,8 @@ class DoctorCommand : public BusTest {
     EXPECT_TRUE(WaitUntil([&] { return Seen() == before; }))
         << before << "\nbecame\n"
         << Seen();
+    // What was sent before that answer waits in the main loop.
+    while (g_main_context_iteration(nullptr, FALSE)) continue;
     EXPECT_THAT(signals_, IsEmpty());
   }
 
