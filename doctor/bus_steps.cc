@@ -229,12 +229,12 @@ Finding ExamineService(Finding finding, GVariant* unit, bool startable,
   if (load == "masked" || active == "failed")
     return Problem(std::move(finding), kDaemonFails);
   if (load == "not-found") return Problem(std::move(finding), kNoDaemon);
-  if (file == "disabled") return Problem(std::move(finding), kDaemonDisabled);
   if (active != "inactive") {
     return CannotTell(
         std::move(finding),
         "its service is " + Printable(active) + " and has no name on the bus");
   }
+  if (file == "disabled") return Problem(std::move(finding), kDaemonDisabled);
   // Nobody asks systemd for it before there is a controller.
   if (Controllers(patient).empty()) {
     const auto radio = patient.lost.find(Part::kRadio);
@@ -407,7 +407,6 @@ bool IsProbedName(const std::string& name) {
 }
 
 bool RefreshObjects(Patient* patient) {
-  if (patient->bus == nullptr) return false;
   BusAnswer now = AskForObjects(*patient);
   if (now.value == nullptr) return false;
   patient->objects = std::move(now);

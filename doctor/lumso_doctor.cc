@@ -35,8 +35,8 @@ constexpr char kUsage[] =
     R"(Usage: lumso_doctor [ADDRESS] [--json] [--verbose] [--help]
 
 Looks at everything between an application and its bytes, from this process to
-the Bluetooth daemon's adapter, and says of each step what it saw: ok, problem or
-cannot tell, and of a problem what to do. It ends within 45 s and changes
+the Bluetooth daemon's adapter, and says of each step what it saw: ok, problem
+or cannot tell, and of a problem what to do. It ends within 45 s and changes
 nothing, but that the kernel may load its Bluetooth modules for the socket that
 it asks for.
 
@@ -49,8 +49,8 @@ pairing. If it leaves a bond, the last line says how to remove it.
 "saw", and where the cause is known, or likely, "trouble" (a name that stays),
 "means" and "do".
 
-Exit status: 0 when nothing is wrong, 1 when something is, 2 for wrong arguments.
-)";
+Exit status: 0 when nothing is wrong, 1 when something is, 2 for wrong
+arguments.)";
 
 struct Options {
   bool help = false;
@@ -139,6 +139,10 @@ class Report {
               Below("Do: " + PlainText(finding.trouble->remedy));
     }
     return text;
+  }
+
+  std::string OfNotice(const std::string& text) const {
+    return Lines(text, kIndent);
   }
 
   std::string OfWait(const std::string& what) const {
@@ -235,8 +239,9 @@ int Run(const Options& options) {
   patient.address = options.address;
   patient.deadline =
       g_get_monotonic_time() + kDeadlineSeconds * G_TIME_SPAN_SECOND;
-  patient.announce = [](const std::string& text) {
-    std::fprintf(stderr, "lumso_doctor: %s\n", text.c_str());
+  patient.announce = [&report](const std::string& text) {
+    std::fprintf(stderr, "%s\n",
+                 report.OfNotice("lumso_doctor: " + text).c_str());
   };
   // While a step waits nothing else is printed.
   if (screen.terminal) {

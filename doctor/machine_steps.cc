@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 #include "doctor/safe_text.h"
@@ -130,6 +131,16 @@ Namespace NetworkNamespace(const Patient& patient) {
              : Namespace::kUnknown;
 }
 
+// Tells whether a line of modprobe's configuration keeps the module out.
+bool KeepsOut(const std::string& line) {
+  std::istringstream words(line);
+  std::string command;
+  std::string name;
+  words >> command >> name;
+  return name == "bluetooth" ? command == "blacklist" || command == "install"
+                             : command == "alias" && name == "net-pf-31";
+}
+
 // Adds why the kernel may not have loaded its Bluetooth module: it is not
 // there, or a line of its configuration keeps it out.
 void LookForModule(const Patient& patient, Finding* finding) {
@@ -153,12 +164,11 @@ void LookForModule(const Patient& patient, Finding* finding) {
   for (const char* place :
        {"/etc/modprobe.d/", "/run/modprobe.d/", "/usr/lib/modprobe.d/"}) {
     for (const std::string& name : Names(patient.root + place, "")) {
+      if (std::filesystem::path(name).extension() != ".conf") continue;
       const std::string where = place + name + ": ";
       std::ifstream stream(patient.root + place + name);
       for (std::string line; std::getline(stream, line);) {
-        if (line.rfind("blacklist bluetooth", 0) == 0 ||
-            line.rfind("install bluetooth", 0) == 0)
-          finding->saw.push_back(line.insert(0, where));
+        if (KeepsOut(line)) finding->saw.push_back(line.insert(0, where));
       }
     }
   }
@@ -298,8 +308,7 @@ void Explain(const Patient& patient, const Trouble* trouble, Finding* finding) {
       say("the daemon knows of its service " + service);
     if (!patient.bonded.empty()) {
       say("this machine holds a bond; if the device lost its own, that can "
-          "look "
-          "the same");
+          "look the same");
     }
   } else if (trouble == &kNotAuthenticated && patient.bonded.empty()) {
     say("it is not paired: pair it first");
@@ -311,21 +320,27 @@ void Explain(const Patient& patient, const Trouble* trouble, Finding* finding) {
 // A bond that was not there is told by the daemon a moment after the kernel's
 // answer.
 void LookForNewBond(Patient* patient, Finding* finding) {
-  if (!MayPair(*patient)) return;
+  if (!MayPair(*patient) || patient->bus == nullptr) return;
+  const auto leave = [&](const std::string& text) {
+    patient->left = text;
+    finding->saw.push_back(text);
+    finding->telling = finding->saw.size();
+  };
   const gint64 end =
       g_get_monotonic_time() + gint64{patient->patience.bond} * 1000;
   do {
-    if (!RefreshObjects(patient)) return;
+    if (!RefreshObjects(patient)) {
+      return leave("Whether this left a bond with " + patient->address +
+                   " could not be asked; bluetoothctl info " +
+                   patient->address + " shows it");
+    }
     for (const std::string& adapter : BondedAdapters(*patient)) {
       const auto& before = patient->bonded;
       if (std::find(before.begin(), before.end(), adapter) != before.end())
         continue;
-      patient->left = "This left a bond with " + patient->address +
-                      " that was not there; " + HowToForget(*patient, adapter) +
-                      " removes it";
-      finding->saw.push_back(patient->left);
-      finding->telling = finding->saw.size();
-      return;
+      return leave("This left a bond with " + patient->address +
+                   " that was not there; " + HowToForget(*patient, adapter) +
+                   " removes it");
     }
     g_usleep(20000);
   } while (g_get_monotonic_time() < end);
@@ -422,10 +437,15 @@ Finding ExamineKernel(Patient* patient) {
   switch (error) {
     case 0:
       break;
-    case EAFNOSUPPORT:
+    case EAFNOSUPPORT: {
       LookForModule(*patient, &finding);
-      return Problem(std::move(finding),
-                     patient->own_namespace ? kNoBluetooth : kNoSockets);
+      // To ask for a socket has the module loaded, in any namespace.
+      const std::string modules = patient->root + "/sys/module";
+      const bool has_none = Exists(modules) && !Exists(modules + "/bluetooth");
+      return Problem(std::move(finding), patient->own_namespace || has_none
+                                             ? kNoBluetooth
+                                             : kNoSockets);
+    }
     case EPROTONOSUPPORT:
       return Problem(std::move(finding), kNoRfcomm);
     case EPERM:

@@ -290,7 +290,9 @@ TEST_F(DoctorKernel, SaysWhatKeepsBluetoothOut) {
         "kernel/net/bluetooth/bluetooth.ko.xz: kernel/crypto/ecc.ko.xz\n");
   Write("/etc/modprobe.d/no-radio.conf",
         "# install bluetooth\ninstall bluetooth /bin/false\n"
-        "blacklist bluetooth\nblacklist pcspkr\n");
+        "\tblacklist  bluetooth\nblacklist bluetooth_6lowpan\n"
+        "alias net-pf-31 off\nblacklist pcspkr\n");
+  Write("/etc/modprobe.d/no-radio.conf.old", "blacklist bluetooth\n");
   EXPECT_THAT(
       Kernel(),
       AllOf(IsProblem(doctor::kNoBluetooth),
@@ -300,7 +302,8 @@ TEST_F(DoctorKernel, SaysWhatKeepsBluetoothOut) {
                       "this kernel's modules include bluetooth",
                       "/etc/modprobe.d/no-radio.conf: install bluetooth "
                       "/bin/false",
-                      "/etc/modprobe.d/no-radio.conf: blacklist bluetooth"))));
+                      "/etc/modprobe.d/no-radio.conf: \tblacklist  bluetooth",
+                      "/etc/modprobe.d/no-radio.conf: alias net-pf-31 off"))));
 }
 
 TEST_F(DoctorKernel, SaysThatItHasNoSuchModule) {
@@ -311,6 +314,15 @@ TEST_F(DoctorKernel, SaysThatItHasNoSuchModule) {
         "kernel/net/bluetoothless.ko: kernel/net/bluetooth/bluetooth.ko\n");
   EXPECT_THAT(Kernel(), AllOf(IsProblem(doctor::kNoBluetooth),
                               Saw("this kernel's modules lack bluetooth")));
+}
+
+// A socket that was asked for would have loaded it, in any namespace.
+TEST_F(DoctorKernel, HasNoBluetoothWhereTheSocketLoadedNone) {
+  FailSocket(EAFNOSUPPORT);
+  Write("/sys/module/kernel/uevent", "");
+  SetNamespaces("net:[2]", nullptr, "pid:[7]");
+  EXPECT_THAT(Look("this process"), IsUnclear());
+  EXPECT_THAT(Look("kernel"), IsProblem(doctor::kNoBluetooth));
 }
 
 // Whoever asks for a socket has the modules loaded.
@@ -784,6 +796,12 @@ TEST_F(DoctorService, IsOnItsWay) {
               AllOf(IsUnclear(), Saw("its service is activating")));
 }
 
+TEST_F(DoctorService, IsOnItsWayThoughDisabled) {
+  EXPECT_THAT(Service("{'LoadState': <'loaded'>, 'ActiveState': "
+                      "<'activating'>, 'UnitFileState': <'disabled'>}"),
+              AllOf(IsUnclear(), Saw("its service is activating")));
+}
+
 TEST_F(DoctorService, CannotBeAskedAbout) {
   load_unit_ = "raise dbus.exceptions.DBusException('odd', name='a.Odd')";
   EXPECT_THAT(Service(kInactive), AllOf(IsUnclear(), Saw("systemd: odd")));
@@ -1218,6 +1236,17 @@ TEST_F(DoctorStream, SaysThatItLeftASecondBond) {
   EXPECT_THAT(Look("stream"), AllOf(IsOk(), Saw("left a bond")));
   EXPECT_THAT(patient_.left, HasSubstr("select 00:11:22:33:44:66"));
   EXPECT_THAT(said, HasSubstr("may begin a pairing"));
+}
+
+TEST_F(DoctorStream, SaysThatItCannotTellOfABond) {
+  air_.AddDevice(kDeviceAddress);
+  StartDaemonWith({kAdapterOn});
+  Adapter();
+  Look("device");
+  daemon->FailCall("/", kObjectManagerInterface, "GetManagedObjects", "",
+                   "org.example.Odd", "odd");
+  EXPECT_THAT(Look("stream"), AllOf(IsOk(), Saw("could not be asked")));
+  EXPECT_THAT(patient_.left, HasSubstr("Whether this left a bond with"));
 }
 
 TEST_F(DoctorStream, LeavesNoBondThatWasThere) {
