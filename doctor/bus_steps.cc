@@ -275,6 +275,7 @@ Finding ExamineAbsentDaemon(Patient* patient) {
   finding.lost.push_back(Part::kDaemon);
   finding.saw.push_back(std::string("it does not run, and the bus ") +
                         (startable ? "may start it" : "cannot start it"));
+  // GetUnit() would not know a service that nothing has had read.
   const BusAnswer unit =
       Ask(*patient, {kSystemd, "/org/freedesktop/systemd1",
                      "org.freedesktop.systemd1.Manager", "LoadUnit",

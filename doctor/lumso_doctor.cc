@@ -1,7 +1,6 @@
 // lumso_doctor: says what is wrong with Bluetooth on this machine. It looks at
 // everything between an application and its bytes, step by step.
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -212,14 +211,6 @@ void GuardTime() {
   }).detach();
   std::this_thread::sleep_for(kLastWords);
   _exit(kStatusProblem);
-}
-
-// Opens the null device in place of closed standard streams, before anything
-// else opens a descriptor and becomes one of them.
-void OpenStandardStreams() {
-  int fd = open("/dev/null", O_RDWR);
-  while (fd >= 0 && fd <= STDERR_FILENO) fd = dup(fd);
-  if (fd >= 0) close(fd);
 }
 
 // Returns whether the line could be written.

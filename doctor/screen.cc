@@ -1,5 +1,6 @@
 #include "doctor/screen.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -7,6 +8,12 @@
 #include <string>
 
 namespace lumso_doctor {
+
+void OpenStandardStreams() {
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = dup(fd);
+  if (fd >= 0) close(fd);
+}
 
 Screen FindScreen() {
   Screen screen;

@@ -5,6 +5,10 @@
 
 namespace lumso_doctor {
 
+// Opens the null device in place of closed standard streams. To be called
+// before anything else opens a descriptor and becomes one of them.
+void OpenStandardStreams();
+
 struct Screen {
   bool terminal = false;  // Standard output is one: a person reads.
   bool person = false;    // Types and reads on a terminal.

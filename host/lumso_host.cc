@@ -3,7 +3,6 @@
 // one JSON object per line on standard output. A person at a terminal gets a
 // line to edit, help to read, and colours.
 
-#include <fcntl.h>
 #include <glib.h>
 #include <unistd.h>
 
@@ -73,14 +72,6 @@ bool ParseOptions(int argc, char** argv, Options* options) {
     }
   }
   return true;
-}
-
-// Opens the null device in place of closed standard streams, before anything
-// else opens a descriptor and becomes one of them.
-void OpenStandardStreams() {
-  int fd = open("/dev/null", O_RDWR);
-  while (fd >= 0 && fd <= STDERR_FILENO) fd = dup(fd);
-  if (fd >= 0) close(fd);
 }
 
 // Runs one plug-in until the input ends or something else asks for the end.
@@ -162,7 +153,7 @@ class Host {
 }  // namespace
 
 int main(int argc, char** argv) {
-  OpenStandardStreams();
+  lumso_doctor::OpenStandardStreams();
   // Writing to a device that has vanished must be an error, not the end. That
   // is for the process to decide, not for a library, and desktop applications
   // usually decide so too.
