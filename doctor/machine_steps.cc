@@ -439,9 +439,11 @@ Finding ExamineKernel(Patient* patient) {
       break;
     case EAFNOSUPPORT: {
       LookForModule(*patient, &finding);
-      // To ask for a socket has the module loaded, in any namespace.
-      const std::string modules = patient->root + "/sys/module";
-      const bool has_none = Exists(modules) && !Exists(modules + "/bluetooth");
+      // To ask for a socket has the module loaded, in any namespace. A sandbox
+      // that hides the modules has no "kernel" there either.
+      const std::string modules = patient->root + "/sys/module/";
+      const bool has_none =
+          Exists(modules + "kernel") && !Exists(modules + "bluetooth");
       return Problem(std::move(finding), patient->own_namespace || has_none
                                              ? kNoBluetooth
                                              : kNoSockets);

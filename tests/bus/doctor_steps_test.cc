@@ -325,6 +325,13 @@ TEST_F(DoctorKernel, HasNoBluetoothWhereTheSocketLoadedNone) {
   EXPECT_THAT(Look("kernel"), IsProblem(doctor::kNoBluetooth));
 }
 
+TEST_F(DoctorKernel, CannotTellThatWhereTheModulesAreHidden) {
+  FailSocket(EAFNOSUPPORT);
+  std::filesystem::create_directories(patient_.root + "/sys/module");
+  Look("this process");
+  EXPECT_THAT(Look("kernel"), IsProblem(doctor::kNoSockets));
+}
+
 // Whoever asks for a socket has the modules loaded.
 TEST_F(DoctorKernel, SaysWhatItsOwnSocketLoaded) {
   Write("/sys/module/bluetooth/refcnt", "1");

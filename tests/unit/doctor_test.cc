@@ -318,6 +318,9 @@ TEST(DoctorCommand, EndsWhateverHangs) {
 TEST(DoctorCommand, ExplainsItself) {
   const Outcome outcome = Ask({"--help"});
   EXPECT_THAT(outcome.output, StartsWith("Usage: lumso_doctor"));
+  for (const std::string& line : SplitLines(outcome.output))
+    EXPECT_LE(line.size(), 80U) << line;
+  EXPECT_NE(SplitLines(outcome.output).back(), "");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(Ask({"--help"}, kNoBus, open("/dev/full", O_WRONLY)).status, 1);
 }
