@@ -76,7 +76,7 @@ bool ParseOptions(const std::vector<std::string>& arguments, Options* options) {
       options->address = argument;
     } else {
       std::fprintf(stderr, "lumso_doctor: wrong argument: %s (see --help)\n",
-                   Quoted(argument).c_str());
+                   Quoted(argument, CharsetOf(STDERR_FILENO)).c_str());
       return false;
     }
   }
@@ -119,8 +119,8 @@ Json ToJson(const Step& step, const Finding& finding) {
 // What the doctor says to people; nothing is wider than their terminal.
 class Report {
  public:
-  Report(const Screen& screen, bool verbose)
-      : screen_(screen), verbose_(verbose) {}
+  Report(const Screen& screen, Charset charset, bool verbose)
+      : screen_(screen), charset_(charset), verbose_(verbose) {}
 
   // Returns lines, as the others do, without the end of the last.
   std::string OfStep(const Step& step, const Finding& finding) {
@@ -129,10 +129,9 @@ class Report {
     const size_t facts = std::min(all ? finding.saw.size() : finding.telling,
                                   finding.saw.size());
     std::string text = Heading(finding.verdict);
-    text +=
-        Lines(step.name + (facts > 0 ? ": " + Printable(finding.saw[0]) : ""),
-              kHanging);
-    for (size_t i = 1; i < facts; ++i) text += Below(Printable(finding.saw[i]));
+    text += Lines(step.name + (facts > 0 ? ": " + Safe(finding.saw[0]) : ""),
+                  kHanging);
+    for (size_t i = 1; i < facts; ++i) text += Below(Safe(finding.saw[i]));
     if (finding.trouble != nullptr) {
       text += Below("It means: " + PlainText(finding.trouble->means)) +
               Below("Do: " + PlainText(finding.trouble->remedy));
@@ -159,7 +158,7 @@ class Report {
   }
 
   std::string OfWhatIsLeft(const std::string& left) const {
-    return Lines(Printable(left) + ".", "");
+    return Lines(Safe(left) + ".", "");
   }
 
  private:
@@ -170,11 +169,15 @@ class Report {
     return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
   }
 
+  std::string Safe(const std::string& text) const {
+    return Printable(text, charset_);
+  }
+
   std::string Heading(Verdict verdict) const {
     const Look& look = LookOf(verdict);
     std::string text = look.word;
     text.append(13 - text.size(), ' ');
-    if (screen_.terminal && g_get_charset(nullptr))
+    if (screen_.terminal && charset_ == Charset::kUtf8)
       text = std::string(look.mark) + " " + text;
     return screen_.colours ? look.colour + text + "\x1b[0m" : text;
   }
@@ -198,6 +201,7 @@ class Report {
   }
 
   const Screen screen_;
+  const Charset charset_;
   const bool verbose_;
   size_t counts_[3] = {};
 };
@@ -225,7 +229,8 @@ bool WriteLine(const std::string& line) {
 int Run(const Options& options) {
   std::thread(GuardTime).detach();
   const Screen screen = options.json ? Screen() : FindScreen();
-  Report report(screen, options.verbose);
+  const Charset charset = CharsetOf(STDOUT_FILENO);
+  Report report(screen, charset, options.verbose);
   Patient patient;
   patient.address = options.address;
   patient.deadline =
@@ -246,7 +251,7 @@ int Run(const Options& options) {
     current_step = step.name;
     const Finding finding = Examine(step, &patient);
     well &= finding.verdict != Verdict::kProblem;
-    if (!WriteLine(options.json ? JsonLine(ToJson(step, finding))
+    if (!WriteLine(options.json ? JsonLine(ToJson(step, finding), charset)
                                 : report.OfStep(step, finding))) {
       return kStatusProblem;
     }
@@ -267,7 +272,7 @@ int main(int argc, char** argv) {
   lumso_doctor::OpenStandardStreams();
   // Writing to a device that has vanished must be an error, not the end.
   std::signal(SIGPIPE, SIG_IGN);
-  setlocale(LC_CTYPE, "");  // Tells of a terminal that has no such marks.
+  setlocale(LC_CTYPE, "");  // Tells of a terminal that takes no UTF-8.
   lumso_doctor::Options options;
   if (!lumso_doctor::ParseOptions({argv + 1, argv + argc}, &options))
     return lumso_doctor::kStatusWrongUsage;

@@ -63,11 +63,13 @@ std::string Escape(gunichar code) {
 }
 
 // Returns `text` with what is not safe escaped, and those of `others`, too.
-std::string Escaped(std::string_view text, std::string_view others) {
+std::string Escaped(std::string_view text, std::string_view others,
+                    Charset charset) {
   std::string escaped;
   while (!text.empty()) {
     const Character character = Decode(text);
-    if (!IsSafe(character.code)) {
+    if (!IsSafe(character.code) ||
+        (charset == Charset::kAscii && character.code >= 0x80)) {
       escaped += Escape(character.code);
     } else if (character.code == kReplacement) {
       escaped += "\xef\xbf\xbd";
@@ -82,20 +84,23 @@ std::string Escaped(std::string_view text, std::string_view others) {
 
 }  // namespace
 
-std::string Printable(std::string_view text) { return Escaped(text, ""); }
-
-std::string Quoted(std::string_view text) {
-  return '"' + Escaped(text, "\"\\") + '"';
+std::string Printable(std::string_view text, Charset charset) {
+  return Escaped(text, "", charset);
 }
 
-std::string JsonLine(const Json& json) {
-  if (json.is_string()) return Quoted(json.get_ref<const std::string&>());
+std::string Quoted(std::string_view text, Charset charset) {
+  return '"' + Escaped(text, "\"\\", charset) + '"';
+}
+
+std::string JsonLine(const Json& json, Charset charset) {
+  if (json.is_string())
+    return Quoted(json.get_ref<const std::string&>(), charset);
   if (!json.is_structured()) return json.dump();
   std::string line;
   for (const auto& [key, value] : json.items()) {
     if (!line.empty()) line += ',';
-    if (json.is_object()) line += Quoted(key) + ':';
-    line += JsonLine(value);
+    if (json.is_object()) line += Quoted(key, charset) + ':';
+    line += JsonLine(value, charset);
   }
   return json.is_object() ? '{' + line + '}' : '[' + line + ']';
 }

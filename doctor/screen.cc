@@ -1,6 +1,7 @@
 #include "doctor/screen.h"
 
 #include <fcntl.h>
+#include <glib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -31,6 +32,11 @@ Screen FindScreen() {
     screen.columns = size.ws_col;
   }
   return screen;
+}
+
+Charset CharsetOf(int fd) {
+  return isatty(fd) == 0 || g_get_charset(nullptr) ? Charset::kUtf8
+                                                   : Charset::kAscii;
 }
 
 }  // namespace lumso_doctor

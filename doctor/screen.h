@@ -3,6 +3,8 @@
 #ifndef LUMSO_BLUETOOTH_DOCTOR_SCREEN_H_
 #define LUMSO_BLUETOOTH_DOCTOR_SCREEN_H_
 
+#include "doctor/safe_text.h"
+
 namespace lumso_doctor {
 
 // Opens the null device in place of closed standard streams. To be called
@@ -18,6 +20,10 @@ struct Screen {
 };
 
 Screen FindScreen();
+
+// What the other end of `fd` takes: ASCII when it is a terminal and the locale
+// that is set is not a UTF-8 one.
+Charset CharsetOf(int fd);
 
 }  // namespace lumso_doctor
 

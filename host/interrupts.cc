@@ -7,12 +7,11 @@
 #include <cstdio>
 #include <utility>
 
-#include "doctor/safe_text.h"
-
 namespace lumso_host {
 
-Interrupts::Interrupts(GMainLoop* loop)
+Interrupts::Interrupts(GMainLoop* loop, lumso_doctor::Charset charset)
     : loop_(loop),
+      charset_(charset),
       has_terminal_(tcgetattr(STDIN_FILENO, &terminal_) == 0),
       context_(g_main_context_new()) {
   Watch<SIGINT>();
@@ -79,7 +78,7 @@ void Interrupts::Take(int number) {
     std::fprintf(stderr,
                  "lumso_host: waits for %s, then ends; another signal ends it "
                  "at once\n",
-                 lumso_doctor::Printable(wait).c_str());
+                 lumso_doctor::Printable(wait, charset_).c_str());
   }
 }
 

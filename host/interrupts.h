@@ -10,6 +10,8 @@
 #include <mutex>
 #include <string>
 
+#include "doctor/safe_text.h"
+
 namespace lumso_host {
 
 // Takes the two signals on a thread of its own, since the platform thread may
@@ -21,9 +23,9 @@ namespace lumso_host {
 // once: with status 128 + the signal's number, and the terminal as it was.
 class Interrupts {
  public:
-  // Borrows `loop`, which is the default main context's. To be made before
-  // anything changes the terminal.
-  explicit Interrupts(GMainLoop* loop);
+  // Borrows `loop`, which is the default main context's. `charset` is that of
+  // standard error. To be made before anything changes the terminal.
+  Interrupts(GMainLoop* loop, lumso_doctor::Charset charset);
   ~Interrupts();
   Interrupts(const Interrupts&) = delete;
   Interrupts& operator=(const Interrupts&) = delete;
@@ -44,6 +46,7 @@ class Interrupts {
   [[noreturn]] void EndProcess(int number) const;
 
   GMainLoop* const loop_;
+  const lumso_doctor::Charset charset_;
   termios terminal_ = {};  // Standard input's, at the start.
   const bool has_terminal_;
 

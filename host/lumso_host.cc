@@ -6,6 +6,7 @@
 #include <glib.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -80,13 +81,15 @@ class Host {
   Host(lumso_host::RegisterFunction register_plugin, const Screen& screen)
       : loop_(g_main_loop_new(nullptr, FALSE)),
         greets_(screen.person),
-        interrupts_(loop_),
+        charset_(lumso_doctor::CharsetOf(STDOUT_FILENO)),
+        interrupts_(loop_, lumso_doctor::CharsetOf(STDERR_FILENO)),
         writer_(screen.person && screen.colours, [this] { Fail(); }),
         reader_(MakeReader(screen)),
         session_(
             register_plugin,
             screen.person ? lumso_host::Session::Reader::kPerson
                           : lumso_host::Session::Reader::kProgram,
+            charset_,
             {[this](const std::string& line) { Print(line); },
              [this](const std::string& what) { interrupts_.SetWait(what); },
              [this] { reader_->Resume(); }, [this] { Quit(); }}) {}
@@ -142,6 +145,8 @@ class Host {
 
   GMainLoop* const loop_;  // Owned reference.
   const bool greets_;
+  // Asked before the reader, which may set a locale of its own.
+  const lumso_doctor::Charset charset_;
   lumso_host::Interrupts interrupts_;
   bool output_failed_ = false;
   lumso_host::LineWriter writer_;
@@ -158,6 +163,7 @@ int main(int argc, char** argv) {
   // is for the process to decide, not for a library, and desktop applications
   // usually decide so too.
   std::signal(SIGPIPE, SIG_IGN);
+  std::setlocale(LC_CTYPE, "");  // Tells of a terminal that takes no UTF-8.
   Options options;
   if (!ParseOptions(argc, argv, &options)) return kStatusCannotStart;
   if (options.help) {

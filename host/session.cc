@@ -149,8 +149,9 @@ struct Session::Request {
 };
 
 Session::Session(RegisterFunction register_plugin, Reader reader,
-                 Callbacks callbacks)
+                 lumso_doctor::Charset charset, Callbacks callbacks)
     : reader_(reader),
+      charset_(charset),
       callbacks_(std::move(callbacks)),
       messenger_(in_process_messenger_new(
           [this](const std::string& channel, GBytes* message) {
@@ -323,7 +324,7 @@ void Session::OnTimer() {
 }
 
 void Session::Print(const Json& json) {
-  const std::string line = JsonLine(json);
+  const std::string line = JsonLine(json, charset_);
   callbacks_.print(line);
   if (expected_.empty()) {
     Remember(line);

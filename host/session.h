@@ -53,7 +53,8 @@ class Session {
   static const Command* FindCommand(std::string_view name);
 
   // Registers the plug-in.
-  Session(RegisterFunction register_plugin, Reader reader, Callbacks callbacks);
+  Session(RegisterFunction register_plugin, Reader reader,
+          lumso_doctor::Charset charset, Callbacks callbacks);
   // Disposes the plug-in.
   ~Session();
   Session(const Session&) = delete;
@@ -105,6 +106,7 @@ class Session {
   void Fail(const std::string& what);
 
   const Reader reader_;
+  const lumso_doctor::Charset charset_;  // Of the lines.
   const Callbacks callbacks_;
   InProcessMessenger* messenger_;  // Owned reference.
   // The request under way or the last one, as the command says it.

@@ -181,6 +181,7 @@ class HostTerminal : public testing::Test {
     if (child_ == 0) {
       unsetenv("NO_COLOR");
       unsetenv("TERM");
+      setenv("LC_ALL", "C.UTF-8", 1);
       setenv("LSAN_OPTIONS",
              "suppressions='" LUMSO_SOURCE_DIR
              "/tests/support/lsan.supp':print_suppressions=0",
@@ -480,11 +481,11 @@ TEST_F(HostTerminal, HasNoColoursWithNoColor) {
 // Without a bus, wherever this runs.
 constexpr char kDoctor[] =
     "env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere " LUMSO_DOCTOR;
-const std::map<std::string, std::string> kWithMarks = {{"TERM", "xterm"},
-                                                       {"LC_ALL", "C.UTF-8"}};
+const std::map<std::string, std::string> kWithoutUtf8 = {{"TERM", "xterm"},
+                                                         {"LC_ALL", "C"}};
 
 TEST_F(HostTerminal, MarksWhatTheDoctorFindsInColour) {
-  Start(kDoctor, kWithMarks);
+  Start(kDoctor);
   EXPECT_EQ(WaitForEnd(), 1);
   EXPECT_NE(raw().find("\x1b[31m✘ problem      \x1b[0mbus: "),
             std::string::npos)
@@ -492,15 +493,13 @@ TEST_F(HostTerminal, MarksWhatTheDoctorFindsInColour) {
 }
 
 TEST_F(HostTerminal, MarksWhatTheDoctorFindsWithNoColor) {
-  Environment environment = kWithMarks;
-  environment["NO_COLOR"] = "1";
-  Start(kDoctor, environment);
+  Start(kDoctor, {{"TERM", "xterm"}, {"NO_COLOR", "1"}});
   EXPECT_EQ(WaitForEnd(), 1);
   EXPECT_NE(raw().find("\n✘ problem      bus: "), std::string::npos) << raw();
 }
 
 TEST_F(HostTerminal, MarksNothingThatTheTerminalCannotShow) {
-  Start(kDoctor, {{"TERM", "xterm"}, {"LC_ALL", "C"}});
+  Start(kDoctor, kWithoutUtf8);
   EXPECT_EQ(WaitForEnd(), 1);
   EXPECT_NE(raw().find("\n\x1b[31mproblem      \x1b[0mbus: "),
             std::string::npos)
@@ -512,6 +511,47 @@ TEST_F(HostTerminal, LeavesTheDoctorsJsonPlain) {
   EXPECT_EQ(WaitForEnd(), 1);
   EXPECT_EQ(raw().find('\x1b'), std::string::npos) << raw();
   EXPECT_EQ(raw().front(), '{');
+}
+
+// A part of such a letter begins a control sequence there.
+TEST_F(HostTerminal, GetsTheDoctorsLettersInAscii) {
+  Start(std::string(kDoctor) + " Û2J", kWithoutUtf8);
+  EXPECT_EQ(WaitForEnd(), 1);
+  EXPECT_NE(raw().find(R"("\u00db2J")"), std::string::npos) << raw();
+  EXPECT_EQ(raw().find('\x9b'), std::string::npos) << raw();
+}
+
+TEST_F(HostTerminal, GetsTheDoctorsJsonInAscii) {
+  Start(std::string(kDoctor) + " Û2J --json", kWithoutUtf8);
+  EXPECT_EQ(WaitForEnd(), 1);
+  EXPECT_NE(raw().find(R"(\u00db2J)"), std::string::npos) << raw();
+  EXPECT_EQ(raw().find('\x9b'), std::string::npos) << raw();
+}
+
+TEST_F(HostTerminal, LeavesTheLettersInAPipeAsTheyAre) {
+  Start(std::string(kDoctor) + " Û2J --json | cat", kWithoutUtf8);
+  EXPECT_EQ(WaitForEnd(), 0);
+  EXPECT_NE(raw().find("Û2J"), std::string::npos) << raw();
+}
+
+TEST_F(HostTerminal, GetsTheDoctorsComplaintInAscii) {
+  Start(std::string(kDoctor) + " --Û2J", kWithoutUtf8);
+  EXPECT_EQ(WaitForEnd(), 2);
+  EXPECT_NE(raw().find(R"("--\u00db2J")"), std::string::npos) << raw();
+}
+
+TEST_F(HostPrompt, StandsBelowAnAnswerInAscii) {
+  Start(WithOptions(""), kWithoutUtf8);
+  WaitForRow("lumso>");
+  Type("call echo \"\\u00db2J\"\n");
+  WaitForRows({R"({"call":"echo","result":"\u00db2J"})", "lumso>"});
+}
+
+TEST_F(HostPrompt, IsLeftOutWithJsonInAscii) {
+  Start(WithOptions("--json"), kWithoutUtf8);
+  Type(std::string("call echo \"\\u00db2J\"\n") + kEnd);
+  EXPECT_EQ(WaitForEnd(), 0);
+  EXPECT_NE(raw().find(R"("result":"\u00db2J")"), std::string::npos) << raw();
 }
 
 TEST_F(HostTerminal, EndsWithTheInput) {

@@ -8,6 +8,7 @@
 
 namespace {
 
+using lumso_doctor::Charset;
 using lumso_doctor::Json;
 using lumso_doctor::JsonLine;
 using lumso_doctor::Printable;
@@ -56,6 +57,19 @@ TEST(SafeText, ReplacesWhatIsNotUtf8) {
   EXPECT_EQ(Printable("\ufffd"), "\ufffd");
 }
 
+TEST(SafeText, EscapesAllBeyondAscii) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"a~\\", R"(a~\)"},
+      {"\u0080\u00db2J", R"(\u0080\u00db2J)"},
+      {"日", R"(\u65e5)"},
+      {"😀", R"(\ud83d\ude00)"},
+      {"\xff\ufffd", R"(\ufffd\ufffd)"},
+  };
+  for (const auto& [text, escaped] : cases)
+    EXPECT_EQ(Printable(text, Charset::kAscii), escaped);
+  EXPECT_EQ(Quoted("\"é", Charset::kAscii), R"("\"\u00e9")");
+}
+
 TEST(SafeText, EndsAQuotationWhereItEnds) {
   EXPECT_EQ(Quoted(R"("; paired; \)"), R"("\"; paired; \\")");
 }
@@ -67,6 +81,14 @@ TEST(SafeJson, IsTheSameJson) {
   const std::string line = JsonLine(json);
   EXPECT_EQ(line, R"({"name":"\u009b2J\u202e\"\\\n","\u2028":)"
                   R"([1,-2,0.5,true,null,[],{}]})");
+  EXPECT_EQ(Json::parse(line), json);
+}
+
+TEST(SafeJson, IsTheSameJsonInAscii) {
+  const Json json = {{"größe", {"Û2J", {{"😀", "日"}}}}};
+  const std::string line = JsonLine(json, Charset::kAscii);
+  EXPECT_EQ(line, R"({"gr\u00f6\u00dfe":["\u00db2J",)"
+                  R"({"\ud83d\ude00":"\u65e5"}]})");
   EXPECT_EQ(Json::parse(line), json);
 }
 
