@@ -470,6 +470,36 @@ TEST(HostEnd, ASecondSignalEndsItAtOnce) {
   }
 }
 
+// Its own standard error is full, and nobody empties it.
+TEST(HostEnd, ASecondSignalEndsItThoughNobodyReadsWhatTheFirstSays) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  g_autoptr(GSubprocessLauncher) launcher =
+      g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDIN_PIPE);
+  g_subprocess_launcher_take_stderr_fd(launcher, dup(ends[1]));
+  g_autoptr(GSubprocess) host = g_subprocess_launcher_spawn(
+      launcher, nullptr, kHost, "--plugin", kPlugin, nullptr);
+  ASSERT_NE(host, nullptr);
+  const std::string command = "call connect\n";
+  GOutputStream* input = g_subprocess_get_stdin_pipe(host);
+  ASSERT_TRUE(g_output_stream_write_all(input, command.data(), command.size(),
+                                        nullptr, nullptr, nullptr));
+  char blocked[64];
+  ASSERT_GT(read(ends[0], blocked, sizeof(blocked)), 0);
+  // The host has the same end, and does not write now.
+  ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+  const std::string page(4096, 'x');
+  while (write(ends[1], page.data(), page.size()) > 0) continue;
+  ASSERT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
+  g_subprocess_send_signal(host, SIGINT);
+  g_subprocess_send_signal(host, SIGTERM);
+  EXPECT_TRUE(g_subprocess_wait(host, nullptr, nullptr));
+  ASSERT_TRUE(g_subprocess_get_if_exited(host));
+  EXPECT_EQ(g_subprocess_get_exit_status(host), 143);
+  close(ends[0]);
+  close(ends[1]);
+}
+
 TEST(HostEnd, ASignalWhileADisposeBlocksSaysWhatItWaitsFor) {
   LiveHost host;
   EXPECT_EQ(Interrupt(&host, "call blockEnd\ndispose", SIGINT),
