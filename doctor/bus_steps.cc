@@ -124,7 +124,8 @@ void OnConnected(GObject*, GAsyncResult* result, gpointer user_data) {
   if (error != nullptr) {
     connecting.answer.message = Printable(error->message);
     connecting.answer.denied =
-        g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED);
+        g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED) ||
+        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED);
     connecting.answer.absent =
         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_NOT_FOUND) ||
         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CONNECTION_REFUSED);
@@ -265,14 +266,19 @@ Finding ExamineWithoutSystemd(Finding finding, const BusAnswer& unit,
 Finding ExamineAbsentDaemon(Patient* patient) {
   const BusAnswer names =
       AskBus(*patient, "ListActivatableNames", nullptr, "(as)");
+  Finding finding;
+  finding.lost.push_back(Part::kDaemon);
+  if (names.late) {
+    return CannotTell(
+        std::move(finding),
+        "it does not run; ListActivatableNames: " + names.message);
+  }
   bool startable = false;
   if (names.value != nullptr) {
     g_autofree const gchar** all = nullptr;
     g_variant_get(names.value.get(), "(^a&s)", &all);
     startable = g_strv_contains(all, kBluez);
   }
-  Finding finding;
-  finding.lost.push_back(Part::kDaemon);
   finding.saw.push_back(std::string("it does not run, and the bus ") +
                         (startable ? "may start it" : "cannot start it"));
   // GetUnit() would not know a service that nothing has had read.

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -607,6 +608,89 @@ TEST_F(DoctorDaemon, IsMissedInASnap) {
   BeInSnap("enforce");
   StartBus();
   EXPECT_THAT(Daemon(), IsProblem(doctor::kDaemonUnseen));
+}
+
+// A bus that is one of the case's own, for what no other does when asked to. To
+// a call that has no answer here it says nothing.
+class DoctorOddBus : public DoctorDaemon {
+ protected:
+  struct Answer {
+    const char* error;  // Null for a reply.
+    const char* text;
+  };
+
+  void StartOddBus(const std::map<std::string, Answer>& answers) {
+    answers_ = answers;
+    const std::string address = "unix:path=" + patient_.root + "/bus";
+    g_autofree gchar* guid = g_dbus_generate_guid();
+    server_ = g_dbus_server_new_sync(address.c_str(), G_DBUS_SERVER_FLAGS_NONE,
+                                     guid, nullptr, nullptr, nullptr);
+    ASSERT_NE(server_, nullptr);
+    g_signal_connect(server_, "new-connection", G_CALLBACK(OnConnection), this);
+    g_dbus_server_start(server_);
+    g_setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), TRUE);
+  }
+  void TearDown() override {
+    patient_.bus.reset();
+    if (connection_ != nullptr) {
+      g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+      g_object_unref(connection_);
+    }
+    g_dbus_server_stop(server_);
+    g_object_unref(server_);
+    DoctorDaemon::TearDown();
+  }
+
+ private:
+  static gboolean OnConnection(GDBusServer*, GDBusConnection* connection,
+                               gpointer user_data) {
+    auto* self = static_cast<DoctorOddBus*>(user_data);
+    self->connection_ = G_DBUS_CONNECTION(g_object_ref(connection));
+    g_dbus_connection_add_filter(connection, OnMessage, self, nullptr);
+    return TRUE;
+  }
+
+  // Runs on GDBus's thread.
+  static GDBusMessage* OnMessage(GDBusConnection* connection,
+                                 GDBusMessage* message, gboolean incoming,
+                                 gpointer user_data) {
+    if (!incoming) return message;
+    auto* self = static_cast<DoctorOddBus*>(user_data);
+    const auto found = self->answers_.find(g_dbus_message_get_member(message));
+    if (found != self->answers_.end()) {
+      const Answer& answer = found->second;
+      g_autoptr(GDBusMessage) reply =
+          answer.error == nullptr ? g_dbus_message_new_method_reply(message)
+                                  : g_dbus_message_new_method_error_literal(
+                                        message, answer.error, answer.text);
+      if (answer.error == nullptr)
+        g_dbus_message_set_body(reply, g_variant_new("(s)", answer.text));
+      g_dbus_connection_send_message(
+          connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+    }
+    g_object_unref(message);
+    return nullptr;
+  }
+
+  std::map<std::string, Answer> answers_;
+  GDBusServer* server_ = nullptr;          // Owned reference.
+  GDBusConnection* connection_ = nullptr;  // Owned reference.
+};
+
+TEST_F(DoctorOddBus, MayKeepItselfFromASnap) {
+  BeInSnap("enforce");
+  StartOddBus(
+      {{"Hello", {"org.freedesktop.DBus.Error.AccessDenied", "Rejected"}}});
+  EXPECT_THAT(Look("bus"),
+              AllOf(IsProblem(doctor::kBusWithheld), Saw("Rejected")));
+}
+
+TEST_F(DoctorOddBus, MayNotSayWhatItCanStart) {
+  StartOddBus({{"Hello", {nullptr, ":1.1"}},
+               {"GetNameOwner",
+                {"org.freedesktop.DBus.Error.NameHasNoOwner", "nobody"}}});
+  patient_.patience.bus = 300;
+  EXPECT_THAT(Daemon(), AllOf(IsUnclear(), Saw("ListActivatableNames: no")));
 }
 
 // A bus with a configuration of the case's own.
