@@ -14,7 +14,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -210,9 +209,10 @@ int OpenSocket() {
 }
 
 struct Connected {
-  int error = 0;      // errno; 0 when connected.
-  int waited_ms = 0;  // When no answer came in that time.
-  std::string from;   // The address of this end, when it is known.
+  int error = 0;         // errno; 0 when connected.
+  int waited_ms = 0;     // When no answer came in that time.
+  std::string from;      // The address of this end, when it is known.
+  int socket_error = 0;  // errno when there was no socket to connect.
 };
 
 // A socket that is connected knows the adapter that the kernel chose.
@@ -251,9 +251,9 @@ Connected ConnectWithin(int fd, const sockaddr_rc& remote, int limit_ms) {
   return {error, 0, error == 0 ? LocalAddress(fd) : ""};
 }
 
-// Opens channel 1 of the device and closes it; nothing without a socket. A
-// channel that was let go of just now is busy for some milliseconds yet.
-std::optional<Connected> OpenOnce(const Patient& patient) {
+// Opens channel 1 of the device and closes it. A channel that was let go of
+// just now is busy for some milliseconds yet.
+Connected OpenOnce(const Patient& patient) {
   sockaddr_rc remote = {};
   remote.rc_family = AF_BLUETOOTH;
   remote.rc_channel = kChannel;
@@ -263,9 +263,8 @@ std::optional<Connected> OpenOnce(const Patient& patient) {
   const Wait wait(patient, "an answer of " + patient.address, limit_ms);
   for (;;) {
     const int fd = OpenSocket();
-    if (fd < 0) return std::nullopt;
-    const Connected result =
-        ConnectWithin(fd, remote, TimeFor(patient, limit_ms));
+    if (fd < 0) return {0, 0, "", errno};
+    Connected result = ConnectWithin(fd, remote, TimeFor(patient, limit_ms));
     close(fd);
     if (result.error != EBUSY || g_get_monotonic_time() > closed_by) {
       return result;
@@ -502,25 +501,26 @@ Finding ExamineStream(Patient* patient) {
   }
   Finding finding;
   const gint64 began = g_get_monotonic_time();
-  const auto result = OpenOnce(*patient);
-  if (!result) {
-    return CannotTell(std::move(finding),
-                      std::string("socket: ") + std::strerror(errno));
+  const Connected result = OpenOnce(*patient);
+  if (result.socket_error != 0) {
+    return CannotTell(
+        std::move(finding),
+        std::string("socket: ") + std::strerror(result.socket_error));
   }
-  const bool late = result->waited_ms > 0;
-  if (result->error == 0) {
+  const bool late = result.waited_ms > 0;
+  if (result.error == 0) {
     finding.saw.push_back("channel 1 opened after " + Milliseconds(began));
-    const std::string adapter = AdapterOf(*patient, result->from);
+    const std::string adapter = AdapterOf(*patient, result.from);
     if (!adapter.empty()) finding.saw.push_back("by " + adapter);
   } else {
-    finding.saw.push_back((late ? "no answer" : std::strerror(result->error)) +
+    finding.saw.push_back((late ? "no answer" : std::strerror(result.error)) +
                           (" after " + Milliseconds(began)));
   }
   LookForNewBond(patient, &finding);
-  if (result->error == 0) return finding;
-  if (late && result->waited_ms < patient->patience.connect)
+  if (result.error == 0) return finding;
+  if (late && result.waited_ms < patient->patience.connect)
     return CannotTell(std::move(finding), "no time was left to wait for it");
-  const Trouble* trouble = TroubleOfConnect(result->error);
+  const Trouble* trouble = TroubleOfConnect(result.error);
   if (trouble == nullptr)
     return Problem(std::move(finding), "an error of its own kind");
   if (patient->own_address &&
