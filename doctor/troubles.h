@@ -147,8 +147,8 @@ inline constexpr Trouble kAgentRefused = {
 
 inline constexpr Trouble kNotKnown = {
     "not-known", "`pair: device not known yet (ADDRESS)`",
-    "the daemon has not seen the device lately; it forgets one that is not "
-    "paired about 30 s after its last sign",
+    "the adapter that is taken has not seen the device lately; the daemon "
+    "forgets one that is not paired about 30 s after its last sign",
     "start discovery, wait for its device event, then pair"};
 
 inline constexpr Trouble kBadAddress = {
