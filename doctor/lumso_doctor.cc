@@ -36,8 +36,9 @@ constexpr char kUsage[] =
 Looks at everything between an application and its bytes, from this process to
 the Bluetooth daemon's adapter, and says of each step what it saw: ok, problem
 or cannot tell, and of a problem what to do. It ends within 45 s and changes
-nothing, but that the kernel may load its Bluetooth modules for the socket that
-it asks for.
+nothing that others could notice, but that the kernel may load its Bluetooth
+modules for the socket that it asks for, and that, where no daemon runs, systemd
+reads its service's file.
 
 With ADDRESS it also looks at that device and opens its channel 1 once, as
 "connect" does, and closes it; where nothing is bonded yet that may begin a

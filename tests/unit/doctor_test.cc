@@ -318,6 +318,7 @@ TEST(DoctorCommand, EndsWhateverHangs) {
 TEST(DoctorCommand, ExplainsItself) {
   const Outcome outcome = Ask({"--help"});
   EXPECT_THAT(outcome.output, StartsWith("Usage: lumso_doctor"));
+  EXPECT_THAT(outcome.output, HasSubstr("systemd\nreads its service's file"));
   for (const std::string& line : SplitLines(outcome.output))
     EXPECT_LE(line.size(), 80U) << line;
   EXPECT_NE(SplitLines(outcome.output).back(), "");
