@@ -252,9 +252,16 @@ TEST(DoctorCommand, PrintsTextWithoutMarksIntoAPipe) {
   EXPECT_THAT(outcome.output,
               HasSubstr("\n    It means: no system bus here\n    Do: as root "
                         "start dbus; "));
+  // What the other steps say depends on the machine.
+  const auto count = [&lines](const char* verdict) {
+    return std::to_string(std::count_if(
+        lines.begin(), lines.end(),
+        [&](const auto& line) { return line.rfind(verdict, 0) == 0; }));
+  };
   EXPECT_THAT(lines.back(),
-              testing::MatchesRegex("[12] problems?; [4-7] steps could not "
-                                    "tell\\."));
+              testing::MatchesRegex(count("problem ") + " problems?; " +
+                                    count("cannot tell ") +
+                                    " steps could not tell\\."));
   EXPECT_THAT(outcome.output, Not(HasSubstr("\x1b")));
   EXPECT_THAT(outcome.output, Not(HasSubstr("✘")));
   EXPECT_EQ(outcome.status, 1);
