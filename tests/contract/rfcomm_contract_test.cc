@@ -304,7 +304,8 @@ TEST_F(RfcommContract, ConnectWithoutWaitingIsTakenUpByPoll) {
     caller_ = NewSocket(/*blocking=*/false);
     const int error = Connect(caller_, lumso_contract::device_address);
     if (error == EBUSY) return false;
-    EXPECT_EQ(error, EINPROGRESS);
+    // Where the session is there already, the stream can be open at once.
+    EXPECT_TRUE(error == EINPROGRESS || error == 0) << error;
     return true;
   }));
   ASSERT_EQ(Poll(caller_, POLLOUT, kDeadlineMs), POLLOUT);
